@@ -1,25 +1,23 @@
 // UTF-8 is the program's one string encoding; this is the way to and from everything else.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-using Utf16 = std::basic_string<char16_t>;
+// Strict decoding of big-endian UTF-16 (Joliet names): false, with *out untouched, for an odd number of bytes or a
+// lone surrogate. Any thread.
+bool Unicode_FromUtf16BigEndian(const uint8_t* bytes, size_t length, std::string* out);
 
-// One-time start-up: loads ICU and finds the local encoding. Failure is fatal (Panic). Any thread.
-// wideArguments and wideEnvironment may be null; the converted lists replace the narrow ones.
-void Unicode_Startup(const char* dataDirectory);
+// No overlong forms, surrogates, truncation or values beyond U+10FFFF. Any thread.
+bool Unicode_IsValidUtf8(std::string_view text);
 
-// Converts a Windows string to UTF-8; text that is not valid UTF-16 is a programming error and ends in Panic.
-// These two are for names that the system itself handed out.
 #ifdef _WIN32
-std::string Unicode_FromWide(const wchar_t* text);
-
-// UTF-8 to a wide string for a Windows call; none when the text is not valid UTF-8.
+// For a Windows call; none when the text is not valid UTF-8. Any thread.
 std::optional<std::wstring> Unicode_ToWide(std::string_view text);
-// As above without the Panic: none when the text is not valid UTF-16.
-std::optional<std::string> Unicode_TryFromWide(std::wstring_view text);
+
+// None when the text is not valid UTF-16. Any thread.
+std::optional<std::string> Unicode_FromWide(std::wstring_view text);
 #endif
