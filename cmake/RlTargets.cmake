@@ -6,7 +6,7 @@ target_compile_features(rl_flags INTERFACE cxx_std_20)
 target_include_directories(rl_flags INTERFACE ${PROJECT_SOURCE_DIR}/lib ${PROJECT_SOURCE_DIR}/toolbox/windows
   ${PROJECT_SOURCE_DIR}/apps ${PROJECT_SOURCE_DIR})
 target_compile_options(rl_flags INTERFACE
-  $<$<COMPILE_LANGUAGE:CXX,C>:-Wall;-Wextra;-Wshadow;-Wconversion;-Wno-sign-conversion;-Wcast-align;-Wformat=2;-Werror>
+  $<$<COMPILE_LANGUAGE:CXX,C>:-Wall;-Wextra;-Wshadow;-Wconversion;-Wno-sign-conversion;-Wcast-align;-Wformat=2;-Wno-format-nonliteral;-Werror>
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor;-Woverloaded-virtual>)
 if(WIN32)
   # Windows XP x64 and Server 2003 are the oldest guests; newer entry points are looked up at run time.

@@ -5,9 +5,9 @@
 #pragma once
 
 #if defined(__MINGW32__) && !defined(__clang__)
-#define DIAG_PRINTF(format, first) __attribute__((format(ms_printf, format, first)))
+#define DIAG_PRINTF(text, first) __attribute__((format(ms_printf, text, first)))
 #else
-#define DIAG_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define DIAG_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #endif
 
 // Length prefix for an unsigned 64-bit number in a printf format: "%" DIAG_I64 "u". The product's messages

@@ -10,7 +10,7 @@
 // Formats into `*out`. Returns false when the formatter refuses the arguments; `*out` is then untouched.
 // Any thread.
 bool Str_Asprintf(std::string* out, const char* format, ...) DIAG_PRINTF(2, 3);
-bool Str_Vasprintf(std::string* out, const char* format, va_list arguments);
+bool Str_Vasprintf(std::string* out, const char* format, va_list arguments) DIAG_PRINTF(2, 0);
 
 // As Str_Asprintf, for formats that cannot fail; gives the empty string if one does.
 std::string Str_Format(const char* format, ...) DIAG_PRINTF(1, 2);
