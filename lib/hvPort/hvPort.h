@@ -1,5 +1,5 @@
-// The hypervisor's I/O port, one access at a time: a block of register values goes in, the hypervisor's answer
-// comes back in the same block.
+// The hypervisor's I/O port, one access at a time: a block of register values goes in, the hypervisor's
+// answer comes back in the same block.
 //
 // Outside the hypervisor the port instruction raises the privileged-instruction exception 0xC0000096; only
 // Upgrader_CheckVersion is prepared for that. The calls keep no state: any thread, each with its own block.
@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// The general registers that the hypervisor reads or writes, whole 64-bit words, in the order in which the port
-// routines load and store them.
+// The general registers that the hypervisor reads or writes, whole 64-bit words, in the order in which the
+// port routines load and store them.
 struct HvPort_Registers {
     uint64_t ax; // in: magic, set by the call itself
     uint64_t bx;
@@ -23,8 +23,8 @@ static_assert(sizeof(HvPort_Registers) == 56 && offsetof(HvPort_Registers, bp) =
               "the port routines address the block by these offsets");
 
 inline constexpr uint32_t HVPORT_MAGIC = 0x5248446B;
-inline constexpr uint16_t HVPORT_LOW_BANDWIDTH = 0x5248;  // 32-bit port input
-inline constexpr uint16_t HVPORT_HIGH_BANDWIDTH = 0x5249; // repeated byte input and output
+inline constexpr uint16_t HVPORT_LOW_BANDWIDTH = 0x5248;   // 32-bit port input
+inline constexpr uint16_t HVPORT_HIGH_BANDWIDTH = 0x5249;  // repeated byte input and output
 inline constexpr uint16_t HVPORT_COMMAND_GET_VERSION = 10; // cx bits 0 to 15
 inline constexpr uint16_t HVPORT_COMMAND_MESSAGE = 30;     // cx bits 0 to 15
 inline constexpr uint32_t HVPORT_VERSION = 6;              // the one version that this program speaks
@@ -41,7 +41,8 @@ constexpr uint64_t HvPort_Word(uint16_t high, uint16_t low) {
 }
 
 extern "C" {
-// One 32-bit port input on the low-bandwidth port with ax, bx, cx, dx, si and di; bp is neither read nor written.
+// One 32-bit port input on the low-bandwidth port with ax, bx, cx, dx, si and di; bp is neither read nor
+// written.
 void HvPort(HvPort_Registers* registers);
 // cx bytes from the address in si to the high-bandwidth port; all seven words go in and come back.
 void HvPort_BulkOut(HvPort_Registers* registers);
@@ -54,5 +55,6 @@ void HvPort_BulkIn(HvPort_Registers* registers);
 bool HvPort_GetVersion(uint32_t* version, uint32_t* type);
 
 // True when the program may run: a hypervisor answers with HVPORT_VERSION. A mismatch writes its message with
-// Debug; the privileged-instruction exception counts as "no" without a message, every other one passes through.
+// Debug; the privileged-instruction exception counts as "no" without a message, every other one passes
+// through.
 bool Upgrader_CheckVersion();
