@@ -19,7 +19,6 @@ constexpr int NO_MEMORY_FOR_CALLBACK = 346; // told to support as the place of t
 
 struct RpcIn_CallbackEntry {
     std::string name;
-    uint64_t nameLen = 0;
     bool newStyle = false; // data form: the built-in entries
     union {
         RpcIn_Callback plain;
@@ -58,7 +57,6 @@ void PushEntry(RpcIn* in, const char* name, bool newStyle, void* clientData, Rpc
     try {
         auto entry = std::make_unique<RpcIn_CallbackEntry>();
         entry->name = name;
-        entry->nameLen = entry->name.size();
         entry->newStyle = newStyle;
         if (newStyle) {
             entry->callback.data = data;

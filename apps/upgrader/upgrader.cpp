@@ -1,0 +1,325 @@
+#include "upgrader/upgrader.h"
+
+#include "file/file.h"
+#include "hgfslib/hgfsServer.h"
+#include "hvPort/hvPort.h"
+#include "iso9660/iso9660.h"
+#include "misc/diag.h"
+#include "rpcout/rpcout.h"
+#include "string/str.h"
+#include "system/system.h"
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include <getopt.h>
+
+std::atomic<uint32_t> upgraderConsoleSignal{0};
+bool upgraderRebootPromptQuit = false;
+
+namespace {
+
+constexpr int DIRECTORY_ATTEMPTS = 10;
+
+// The place of the fatal stop for an impossible phase, as support knows it.
+constexpr char PHASE_UNIT[] = "apps/upgrader/win32/upgraderWin32";
+constexpr int PHASE_LINE = 515;
+
+struct FreeReply {
+    void operator()(char* reply) const { std::free(reply); }
+};
+
+bool ParseOptions(int argumentCount, char** arguments, UpgraderData* data) {
+    // Zero makes getopt start afresh, whatever it parsed before. The leading plus ends the options at the
+    // first argument that is none, and nothing is reported on the standard error stream.
+    optind = 0;
+    opterr = 0;
+    for (int option; (option = getopt(argumentCount, arguments, "+dshcp:")) != -1;) {
+        switch (option) {
+        case 'c':
+            data->deleteFiles = true;
+            break;
+        case 'd':
+            if (int result = File_UnlinkDelayed(arguments[0]); result != 0) {
+                Warning("Error deleting upgrader binary at %s error %d.\n", arguments[0], result);
+            }
+            break;
+        case 'p':
+            data->setupArguments = optarg;
+            break;
+        case 's':
+            data->shutdown = true;
+            break;
+        default:
+            UpgraderUsage(arguments[0]);
+            Debug("Upgrader failed parsing command line arguments.\n");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool StartChannel(UpgraderData* data) {
+    data->eventQueue = EventManager_Create();
+    if (!data->eventQueue) {
+        Warning("Unable to create the event queue.\n\n");
+        return false;
+    }
+    data->rpcIn = RpcIn_Create(data->eventQueue);
+    if (!data->rpcIn) {
+        Warning("Unable to create the RpcIn object.\n\n");
+        return false;
+    }
+    if (!RpcIn_start(data->rpcIn, UPGRADER_MAX_POLL_DELAY, UpgraderTcloReset, data, UpgraderRpcError, data)) {
+        Warning("Unable to start the receive loop.\n\n");
+        return false;
+    }
+    RpcIn_RegisterCallback(data->rpcIn, "Capabilities_Register", UpgraderTcloCapReg, nullptr);
+    RpcIn_RegisterCallback(data->rpcIn, "upgrader.run", UpgraderTcloRun, data);
+    RpcIn_RegisterCallback(data->rpcIn, "upgrader.cancel", UpgraderTcloCancel, data);
+    return true;
+}
+
+void StopChannel(UpgraderData* data) {
+    if (data->rpcIn) {
+        RpcIn_stop(data->rpcIn);
+        RpcIn_Free(data->rpcIn);
+        data->rpcIn = nullptr;
+    }
+    EventManager_Destroy(data->eventQueue);
+    data->eventQueue = nullptr;
+}
+
+bool OfferFiles(UpgraderData* data) {
+    if (!HgfsServer_RegisterWithChannel(data->rpcIn, UPGRADER_APP_NAME)) {
+        Warning("Unable to initialize HGFS server.\n");
+        return false;
+    }
+    if (!UpgraderSetGuestFileRoot(data)) {
+        Warning("Setting temp directory root failed.\n");
+        HgfsServer_UnregisterFromChannel(data->rpcIn, UPGRADER_APP_NAME);
+        return false;
+    }
+    return true;
+}
+
+// Gives the new directory's name with its trailing separator.
+std::optional<std::string> CreateTemporaryDirectory(const std::string& parent) {
+    for (int attempt = 0; attempt < DIRECTORY_ATTEMPTS; ++attempt) {
+        std::string name;
+        if (!Str_Asprintf(&name, "%s%s%08x%s", parent.c_str(), UPGRADER_SEPARATOR, UpgraderRandom(),
+                          UPGRADER_SEPARATOR)) {
+            Warning("Failed to allocate string for new directory name.\n");
+            return std::nullopt;
+        }
+        if (File_CreateDirectory(name.c_str())) {
+            return name;
+        }
+    }
+    Warning("Could not create temporary directory.\n");
+    return std::nullopt;
+}
+
+// Tells the host where to put its files. It agrees with an empty reply.
+bool SendGreeting(const std::string& directory) {
+    std::string greeting;
+    if (!Str_Asprintf(&greeting, "%s %s", "upgrader.setGuestFileRoot", directory.c_str())) {
+        Warning("Unable to allocate string for RPC greeting.\n");
+        return false;
+    }
+    char* text = nullptr;
+    uint64_t length = 0;
+    bool sent = RpcOut_SendRequest(&text, &length, "%s", greeting.c_str());
+    std::unique_ptr<char, FreeReply> reply(text);
+    if (!sent) {
+        Warning("Failed to send RPC greeting to set temp directory.\n");
+        return false;
+    }
+    if (length != 0) {
+        Warning("RPC greeting failed: Host software version may not be compatible with the Upgrader.\n");
+        return false;
+    }
+    return true;
+}
+
+bool ExtractImage(const std::string& imagePath, const std::string& directory) {
+    Iso9660_Image* image = nullptr;
+    if (Iso9660_Open(imagePath.c_str(), ISO9660_WANT_JOLIET, 0, &image) != Iso9660_Result::Success) {
+        Debug("Error in Iso9660_Open\n");
+        return false;
+    }
+    Debug("Extracting %s to %s\n", imagePath.c_str(), directory.c_str());
+    bool extracted = Iso9660_Extract(image, UPGRADER_SEPARATOR, directory.c_str()) == Iso9660_Result::Success;
+    if (!extracted) {
+        Debug("Error in Iso9660_Extract\n");
+    }
+    Iso9660_Close(image);
+    return extracted;
+}
+
+} // namespace
+
+uint32_t UpgraderMain(int argumentCount, char** arguments) {
+    if (!Upgrader_CheckVersion()) {
+        Warning("The Ravlin Tools Upgrader application must be run in a Virtual Machine.\n");
+        return 1;
+    }
+    Debug("Starting Tools Upgrader\n");
+    UpgraderData* data = UpgraderInit(argumentCount, arguments);
+    if (!data) {
+        Debug("Upgrader failed initialization.\n");
+        return 1;
+    }
+    UpgraderLoop(data);
+    UpgraderCleanup(data);
+    return 0;
+}
+
+UpgraderData* UpgraderInit(int argumentCount, char** arguments) {
+    std::unique_ptr<UpgraderData> data(new (std::nothrow) UpgraderData);
+    if (!data) {
+        Warning("Unable to create upgrader data structure.\n\n");
+        return nullptr;
+    }
+    if (ParseOptions(argumentCount, arguments, data.get()) && StartChannel(data.get()) &&
+        OfferFiles(data.get())) {
+        return data.release();
+    }
+    StopChannel(data.get());
+    return nullptr;
+}
+
+bool UpgraderSetGuestFileRoot(UpgraderData* data) {
+    std::optional<std::string> parent = File_GetTmpDir(false);
+    if (!parent) {
+        Warning("Unable to get system temporary directory.\n");
+        return false;
+    }
+    std::optional<std::string> directory = CreateTemporaryDirectory(*parent);
+    if (!directory || !SendGreeting(*directory)) {
+        return false;
+    }
+    data->guestFileRoot = std::move(directory);
+    return true;
+}
+
+bool UpgraderExtractIso(UpgraderData* data) {
+    Debug("Upgrader: Beginning installation.\n");
+    std::string imagePath;
+    if (!Str_Asprintf(&imagePath, "%s%s", data->guestFileRoot->c_str(), UPGRADER_IMAGE_NAME)) {
+        Debug("Error in Str_Asprintf\n");
+        return false;
+    }
+    data->guestFileRoot = imagePath;
+
+    std::string directory;
+    File_GetPathName(imagePath, &directory, nullptr);
+    if (!ExtractImage(imagePath, directory)) {
+        return false;
+    }
+    data->extractionDirectory = std::move(directory);
+    Debug("Unlinking ISO at %s\n", imagePath.c_str());
+    File_Unlink(imagePath.c_str());
+    return true;
+}
+
+bool UpgraderInstallStep(void* clientData) {
+    auto* data = static_cast<UpgraderData*>(clientData);
+    data->stepScheduled = false;
+    switch (data->installPhase) {
+    case UpgraderPhase::Extract:
+        if (!UpgraderExtractIso(data)) {
+            return false;
+        }
+        data->installPhase = UpgraderPhase::Launch;
+        return true;
+    case UpgraderPhase::Launch:
+        if (!UpgraderLaunchInstaller(data)) {
+            return false;
+        }
+        data->installPhase = UpgraderPhase::HandleResult;
+        return true;
+    case UpgraderPhase::HandleResult: {
+        bool handled = UpgraderInstallerFinished(data);
+        data->installPhase = UpgraderPhase::Extract;
+        return handled;
+    }
+    }
+    Diag_NotReached(PHASE_UNIT, PHASE_LINE);
+}
+
+void UpgraderEnd(UpgraderData* data) {
+    // A console signal means that somebody else is already shutting the guest down, or that a person stopped
+    // us; a reboot that the user agreed to stands all the same.
+    bool shutDown = upgraderConsoleSignal == 0 && data->shutdown;
+    bool reboot = data->reboot;
+
+    HgfsServer_UnregisterFromChannel(data->rpcIn, UPGRADER_APP_NAME);
+    StopChannel(data);
+    if (data->sendEnd && !RpcOut_SendRequest(nullptr, nullptr, "%s", "toolinstall.end 0")) {
+        Warning("Failed to send RPC to end tool install.\n");
+    }
+    delete data;
+
+    if (shutDown) {
+        Debug("Upgrader shutting down VM.\n");
+        System_Shutdown(false);
+    } else if (reboot) {
+        Debug("Upgrader rebooting VM.\n");
+        System_Shutdown(true);
+    }
+}
+
+bool UpgraderTcloCapReg(const char** result, uint64_t* resultLength, const char* /*name*/,
+                        const char* /*args*/, uint64_t /*argsSize*/, void* /*clientData*/) {
+    Debug("Received Capabilities_Register from RHD\n");
+    if (!RpcOut_SendRequest(nullptr, nullptr, "%s", "tools.capability.upgrader_parameters 1")) {
+        Debug("Failed to send upgrader capability to RHD\n");
+    }
+    if (!HgfsServer_SendCapability(UPGRADER_APP_NAME, true)) {
+        Debug("UpgraderTcloCapReg: Failed to register HGFS server capability.\n");
+    }
+    return RpcIn_SetResult(result, resultLength, "", true);
+}
+
+bool UpgraderTcloRun(const char** result, uint64_t* resultLength, const char* /*name*/, const char* args,
+                     uint64_t argsSize, void* clientData) {
+    auto* data = static_cast<UpgraderData*>(clientData);
+    Debug("Received upgrader.run from ravlin\n");
+    if (args && argsSize != 0) {
+        try {
+            data->runArguments.emplace(args, static_cast<size_t>(argsSize));
+            data->runArgumentsLength = argsSize;
+        } catch (const std::bad_alloc&) {
+            Debug("Error in UpgraderTcloRun\n");
+            return RpcIn_SetResult(result, resultLength, "", true);
+        }
+    }
+    data->stepScheduled =
+        EventManager_Add(data->eventQueue, UPGRADER_FIRST_STEP_DELAY, UpgraderInstallStep, data) != nullptr;
+    return RpcIn_SetResult(result, resultLength, "", true);
+}
+
+bool UpgraderTcloCancel(const char** result, uint64_t* resultLength, const char* /*name*/,
+                        const char* /*args*/, uint64_t /*argsSize*/, void* clientData) {
+    auto* data = static_cast<UpgraderData*>(clientData);
+    Debug("Received upgrader.cancel from RHD\n");
+    data->stop = true;
+    data->sendEnd = false;
+    return RpcIn_SetResult(result, resultLength, "", true);
+}
+
+bool UpgraderTcloReset(RpcInCall* call) {
+    static char answer[] = "ATR tools-upgrader";
+    Debug("Received reset from RHD\n");
+    call->result = answer;
+    call->resultLen = sizeof answer - 1;
+    return true;
+}
+
+void UpgraderRpcError(void* clientData, const char* text) {
+    auto* data = static_cast<UpgraderData*>(clientData);
+    Warning("Error in the RPC receive loop: %s.\n\n", text);
+    data->stop = true;
+}
