@@ -44,10 +44,10 @@ int FileAttributesRetry(const char* name, uint32_t budgetMs, FileData* data);
 
 bool File_Exists(const char* name);
 bool File_IsDirectory(const char* name);
-int File_Unlink(const char* name);            // 0, or -1 on failure
-int File_UnlinkDelayed(const char* name);     // 0, or -1 on failure: deletion at the next restart
+int File_Unlink(const char* name);        // 0, or -1 on failure
+int File_UnlinkDelayed(const char* name); // 0, or -1 on failure: deletion at the next restart
 bool File_CreateDirectory(const char* name);
-bool File_EnsureDirectory(const char* name);  // an existing directory counts as success
+bool File_EnsureDirectory(const char* name); // an existing directory counts as success
 
 // Splitting and joining of names: pure text, no file system.
 void File_SplitName(const std::string& name, std::string* volume, std::string* directory, std::string* base);
