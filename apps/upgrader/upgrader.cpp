@@ -136,7 +136,7 @@ bool SendGreeting(const std::string& directory) {
         Warning("Failed to send RPC greeting to set temp directory.\n");
         return false;
     }
-    if (length != 0) {
+    if (!reply || length != 0) {
         Warning("RPC greeting failed: Host software version may not be compatible with the Upgrader.\n");
         return false;
     }
