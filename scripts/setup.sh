@@ -52,7 +52,7 @@ apt_get() {
 check_available() {
   local package unavailable=()
   for package in "${missing[@]}"; do
-    [[ $(apt-cache policy "$package") =~ Candidate:\ [^\(] ]] || unavailable+=("$package")
+    [[ $(apt-cache policy "$package") == "$package:"*Candidate:\ [^\(]* ]] || unavailable+=("$package")
   done
   [ ${#unavailable[@]} -eq 0 ] ||
     fail "not to be had from this machine's package sources${update_failed}: ${unavailable[*]}"
