@@ -4,7 +4,7 @@
 add_library(rl_flags INTERFACE)
 target_compile_features(rl_flags INTERFACE cxx_std_20)
 target_include_directories(rl_flags INTERFACE ${PROJECT_SOURCE_DIR}/lib ${PROJECT_SOURCE_DIR}/toolbox/windows
-  ${PROJECT_SOURCE_DIR}/apps ${PROJECT_SOURCE_DIR})
+  ${PROJECT_SOURCE_DIR}/apps ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests)
 target_compile_options(rl_flags INTERFACE
   $<$<COMPILE_LANGUAGE:CXX,C>:-Wall;-Wextra;-Wshadow;-Wconversion;-Wno-sign-conversion;-Wcast-align;-Wformat=2;-Wno-format-nonliteral;-Werror>
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor;-Woverloaded-virtual>)

@@ -1,4 +1,5 @@
-// The tests' own Debug, Warning and Panic: every message is kept, and Panic throws instead of ending the process.
+// The tests' own Debug, Warning and Panic: every message is kept, and Panic throws instead of ending the
+// process.
 #pragma once
 
 #include <stdexcept>
