@@ -26,7 +26,8 @@ struct ProcMgr_ProcArgs {
 // Starts `commandLine` (UTF-8; may be null if `options` carry an application name, anything else stops the
 // program). A null `options` means: as the caller, inheriting handles, minimised; options without a startup
 // record are given the built-in one. With a user token the user's logon session is granted the interactive
-// window station and desktop until ProcMgr_Free. Null on failure, which has then been logged.
+// window station and desktop until ProcMgr_Free. Null on failure, which has then been logged; the thread's
+// last error is that of the start.
 ProcMgr_AsyncProc* ProcMgr_ExecAsync(const char* commandLine, ProcMgr_ProcArgs* options);
 
 // The process handle, signalled when the process has ended; stays owned by `process`.

@@ -79,55 +79,53 @@ void DuplicateToken(HANDLE token, ProcMgr_AsyncProc* record) {
     }
 }
 
-bool StartAsUser(const ProcMgr_ProcArgs& options, wchar_t* commandLine, ProcMgr_AsyncProc* record,
-                 PROCESS_INFORMATION* started) {
+// The three starts give the Windows error, 0 for success.
+DWORD StartAsUser(const ProcMgr_ProcArgs& options, wchar_t* commandLine, ProcMgr_AsyncProc* record,
+                  PROCESS_INFORMATION* started) {
     std::optional<ProcMgrStationSwitch> onStation = ProcMgr_GrantInteractiveAccess(options.userToken);
     if (onStation) {
         DuplicateToken(options.userToken, record);
     }
     DesktopName desktop(options.startupInfo, onStation ? L"winsta0\\default" : L"");
-    if (!CreateProcessAsUserW(options.userToken, options.applicationName, commandLine,
-                              options.processSecurity, options.threadSecurity, options.inheritHandles,
-                              options.creationFlags, options.environment, options.currentDirectory,
-                              options.startupInfo, started)) {
-        DWORD error = GetLastError();
-        Warning("ProcMgr_ExecAsync: CreateProcessAsUser failed %d\n", static_cast<int>(error));
-        return false;
+    if (CreateProcessAsUserW(options.userToken, options.applicationName, commandLine, options.processSecurity,
+                             options.threadSecurity, options.inheritHandles, options.creationFlags,
+                             options.environment, options.currentDirectory, options.startupInfo, started)) {
+        return ERROR_SUCCESS;
     }
-    return true;
+    DWORD error = GetLastError();
+    Warning("ProcMgr_ExecAsync: CreateProcessAsUser failed %d\n", static_cast<int>(error));
+    return error;
 }
 
-bool StartAsCaller(const ProcMgr_ProcArgs& options, wchar_t* commandLine, PROCESS_INFORMATION* started) {
-    if (!CreateProcessW(options.applicationName, commandLine, options.processSecurity, options.threadSecurity,
-                        options.inheritHandles, options.creationFlags, options.environment,
-                        options.currentDirectory, options.startupInfo, started)) {
-        DWORD error = GetLastError();
-        Warning("ProcMgr_ExecAsync: CreateProcess failed %d\n", static_cast<int>(error));
-        return false;
+DWORD StartAsCaller(const ProcMgr_ProcArgs& options, wchar_t* commandLine, PROCESS_INFORMATION* started) {
+    if (CreateProcessW(options.applicationName, commandLine, options.processSecurity, options.threadSecurity,
+                       options.inheritHandles, options.creationFlags, options.environment,
+                       options.currentDirectory, options.startupInfo, started)) {
+        return ERROR_SUCCESS;
     }
-    return true;
+    DWORD error = GetLastError();
+    Warning("ProcMgr_ExecAsync: CreateProcess failed %d\n", static_cast<int>(error));
+    return error;
 }
 
-bool Start(const char* commandLine, const ProcMgr_ProcArgs& options, ProcMgr_AsyncProc* record) {
+DWORD Start(const char* commandLine, const ProcMgr_ProcArgs& options, ProcMgr_AsyncProc* record) {
     std::optional<std::wstring> wide; // the system may write into it
     if (commandLine) {
         wide = Unicode_ToWide(commandLine);
         if (!wide) {
             Warning("ProcMgr_ExecAsync: Could not convert cmd to UTF-16\n");
-            return false;
+            return ERROR_NO_UNICODE_TRANSLATION;
         }
     }
     wchar_t* text = wide ? wide->data() : nullptr;
     PROCESS_INFORMATION started{};
-    if (!(options.userToken ? StartAsUser(options, text, record, &started)
-                            : StartAsCaller(options, text, &started))) {
-        return false;
-    }
+    DWORD error = options.userToken ? StartAsUser(options, text, record, &started)
+                                    : StartAsCaller(options, text, &started);
     record->process.Reset(started.hProcess);
     record->thread.Reset(started.hThread);
     record->processId = started.dwProcessId;
     record->threadId = started.dwThreadId;
-    return true;
+    return error;
 }
 
 } // namespace
@@ -144,14 +142,17 @@ ProcMgr_AsyncProc* ProcMgr_ExecAsync(const char* commandLine, ProcMgr_ProcArgs* 
     if (!options->startupInfo) {
         options->startupInfo = BuiltInStartupInfo();
     }
-    ProcMgr_AsyncProc* record = new (std::nothrow) ProcMgr_AsyncProc;
-    if (!record || !Start(commandLine, *options, record)) {
-        ProcMgr_Free(record);
+    std::unique_ptr<ProcMgr_AsyncProc, void (*)(ProcMgr_AsyncProc*)> record(
+        new (std::nothrow) ProcMgr_AsyncProc, ProcMgr_Free);
+    DWORD error = record ? Start(commandLine, *options, record.get()) : ERROR_NOT_ENOUGH_MEMORY;
+    if (error != ERROR_SUCCESS) {
+        record.reset();
         Warning("ProcMgr_ExecAsync: Unable to create async process '%s'\n", name.c_str());
+        SetLastError(error);
         return nullptr;
     }
     Debug("Spawned sub-process %d\n", static_cast<int>(reinterpret_cast<intptr_t>(record->process.Get())));
-    return record;
+    return record.release();
 }
 
 void* ProcMgr_GetAsyncProcSelectable(ProcMgr_AsyncProc* process) {
