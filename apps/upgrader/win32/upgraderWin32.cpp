@@ -155,11 +155,11 @@ uint32_t RunUpgrader(std::string* commandLine, std::string* programPath) {
 void UpgraderUsage(const char* programPath) {
     UsageTexts texts;
     LoadText(IDS_USAGE_HEADING, &texts.heading);
-    LoadText(IDS_USAGE_PASS_ARGUMENTS, &texts.passArguments);
+    LoadText(IDS_USAGE_INSTALLER_ARGS, &texts.passArguments);
     LoadText(IDS_USAGE_DELETE_FILES, &texts.deleteFiles);
-    LoadText(IDS_USAGE_SHUT_DOWN, &texts.shutDown);
+    LoadText(IDS_USAGE_SHUTDOWN, &texts.shutDown);
     LoadText(IDS_USAGE_HELP, &texts.help);
-    LoadText(IDS_USAGE_USAGE, &texts.usage);
+    LoadText(IDS_USAGE_TITLE, &texts.usage);
     LoadText(IDS_USAGE_OPTIONS, &texts.options);
 
     std::string programName;
