@@ -1,0 +1,114 @@
+#include "fileTestWin32.h"
+
+#include <fstream>
+#include <iterator>
+
+namespace {
+
+std::filesystem::path ProgramDirectory() {
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    return std::filesystem::path(program).parent_path();
+}
+
+std::filesystem::path NewDirectory() {
+    static int count = 0;
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    return std::filesystem::path(temp) /
+           (L"file-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++));
+}
+
+} // namespace
+
+HelperProcess::HelperProcess(const std::wstring& arguments) {
+    std::wstring program = (ProgramDirectory() / L"fileHelper.exe").wstring();
+    std::wstring line = L"\"" + program + L"\" " + arguments;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process;
+    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &process)) {
+        throw std::runtime_error("cannot start fileHelper.exe: " + std::to_string(GetLastError()));
+    }
+    CloseHandle(process.hThread);
+    process_.Reset(process.hProcess);
+    id_ = process.dwProcessId;
+}
+
+HelperProcess::~HelperProcess() {
+    Kill();
+}
+
+DWORD HelperProcess::Wait(DWORD limitMs) {
+    DWORD code = STILL_ACTIVE;
+    WaitForSingleObject(process_.Get(), limitMs);
+    GetExitCodeProcess(process_.Get(), &code);
+    return code;
+}
+
+void HelperProcess::Kill() {
+    TerminateProcess(process_.Get(), 99);
+    WaitForSingleObject(process_.Get(), INFINITE);
+}
+
+FileHolder::FileHolder(const std::wstring& file, DWORD milliseconds) {
+    static int count = 0;
+    std::wstring event =
+        L"file-test-held-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++);
+    KernelHandle held(CreateEventW(nullptr, TRUE, FALSE, event.c_str()));
+    helper_ = std::make_unique<HelperProcess>(L"hold \"" + file + L"\" " + std::to_wstring(milliseconds) +
+                                              L" " + event);
+    if (WaitForSingleObject(held.Get(), 30000) != WAIT_OBJECT_0) {
+        throw std::runtime_error("the helper does not hold the file");
+    }
+}
+
+FileWin32Test::FileWin32Test() : calls_(fileWin32Calls) {
+    std::filesystem::path path = NewDirectory();
+    std::filesystem::create_directories(path);
+    directory_ = NarrowText(path.wstring());
+    DiagCapture_Take();
+    LogCapture_Take();
+}
+
+FileWin32Test::~FileWin32Test() {
+    fileWin32Calls = calls_;
+    std::error_code ignored;
+    std::filesystem::remove_all(WideText(directory_), ignored);
+}
+
+std::string FileWin32Test::Name(const std::string& name) const {
+    return directory_ + "\\" + name;
+}
+
+std::wstring FileWin32Test::WideName(const std::string& name) const {
+    return WideText(Name(name));
+}
+
+void FileWin32Test::WriteFileText(const std::string& name, const std::string& text) const {
+    std::ofstream file(std::filesystem::path(WideName(name)), std::ios::binary);
+    file << text;
+    ASSERT_TRUE(file.flush()) << name;
+}
+
+std::string FileWin32Test::ReadFileText(const std::string& name) const {
+    std::ifstream file(std::filesystem::path(WideName(name)), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::string NarrowText(const std::wstring& wide) {
+    int length = WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0,
+                                     nullptr, nullptr);
+    std::string narrow(static_cast<size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), narrow.data(), length,
+                        nullptr, nullptr);
+    return narrow;
+}
+
+std::wstring WideText(const std::string& narrow) {
+    int length = MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), nullptr, 0);
+    std::wstring wide(static_cast<size_t>(length), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), wide.data(), length);
+    return wide;
+}
