@@ -5,6 +5,7 @@
 #include "upgrader/usageText.h"
 #include "upgrader/win32/resource.h"
 
+#include "coreDump/coreDump.h"
 #include "file/file.h"
 #include "log/log.h"
 #include "misc/diag.h"
@@ -212,6 +213,8 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE /*previous*/, PWSTR wideComman
     Log_Level(LOG_DETAIL, "Upgrader [%s]",
               Unicode_FromWide(ModulePath(instance, MAX_PATH, &error)).value_or("").c_str());
     Log_Level(LOG_DETAIL, "Upgrader cmdLine [%s]", commandLine.c_str());
+
+    CoreDump_SetUnhandledExceptionFilter();
 
     auto programPath = Unicode_FromWide(ModulePath(nullptr, longestPath, &error));
     if (!programPath || programPath->empty()) {
