@@ -1,0 +1,52 @@
+#include "sim/sample/launcherLine.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Case {
+    const wchar_t* line;
+    bool ok;
+    const wchar_t* installerArgs;
+};
+
+TEST(LauncherLine, HandsToTheInstallerWhatStandsBehindV) {
+    const Case cases[] = {
+        {LR"( /s /v"/qn /L*v "C:\Temp\rlmsi.log"" /w)", true, LR"(/qn /L*v "C:\Temp\rlmsi.log")"},
+        {LR"(/s /v"/qn /L*v "C:\My Temp\a b\rlmsi.log"" /w)", true,
+         LR"(/qn /L*v "C:\My Temp\a b\rlmsi.log")"},
+        {LR"(/s /v"/qb- REBOOT=R RLREBOOTPROMPT=Y /L*v "C:\t\rlmsi.log"")", true,
+         LR"(/qb- REBOOT=R RLREBOOTPROMPT=Y /L*v "C:\t\rlmsi.log")"},
+        {LR"(/s /v"/qn REBOOT=R")", true, LR"(/qn REBOOT=R)"},
+        {LR"(/s /v"/qn INSTALLDIR="C:\Ravlin Tools\" X=1" /w)", true,
+         LR"(/qn INSTALLDIR="C:\Ravlin Tools\" X=1)"},
+        {LR"(/v"/L*v \"C:\a b\log.txt\" /qn" /w)", true, LR"(/L*v "C:\a b\log.txt" /qn)"},
+        {LR"(/v"/qn " /w)", true, LR"(/qn )"},
+        {LR"(/v/qn /w)", true, L"/qn"},
+        {LR"(/v"")", true, L""},
+        {LR"( /w)", true, L""},
+        {L"", true, L""},
+        {LR"(/v"/qn)", false, nullptr},
+        {LR"(/v"/qn /L*v "C:\t" /w)", false, nullptr},
+        {LR"(/s /v"/qn" /L "C:\t\rlmsi.log")", false, nullptr},
+        {LR"(/v"/qn"/w)", false, nullptr},
+        {L"/", false, nullptr},
+        {L"x", false, nullptr},
+    };
+    for (const Case& c : cases) {
+        std::wstring args = L"untouched";
+        EXPECT_EQ(LauncherLine_Parse(c.line, &args), c.ok) << testing::PrintToString(c.line);
+        EXPECT_EQ(args, c.ok ? c.installerArgs : L"untouched") << testing::PrintToString(c.line);
+    }
+}
+
+TEST(LauncherLine, FindsTheEndOfTheProgramsName) {
+    EXPECT_EQ(LauncherLine_SkipProgram(LR"("C:\a b\setup.exe" /s)"), L" /s");
+    EXPECT_EQ(LauncherLine_SkipProgram(LR"(setup.exe /s)"), L" /s");
+    EXPECT_EQ(LauncherLine_SkipProgram(LR"("C:\a b\setup.exe")"), L"");
+    EXPECT_EQ(LauncherLine_SkipProgram(LR"("C:\a b)"), L"");
+    EXPECT_EQ(LauncherLine_SkipProgram(L"setup.exe"), L"");
+    EXPECT_EQ(LauncherLine_SkipProgram(L""), L"");
+}
+
+} // namespace
