@@ -33,7 +33,8 @@ size_t ChunkLength(std::string_view text) {
 bool Split(const char* fileName, std::vector<std::string_view>* chunks) {
     for (std::string_view rest = fileName; !rest.empty();) {
         if (chunks->size() == MAX_CHUNKS) {
-            Msg_Append("@&!*@*@(msg.util.expandStringTooManyChunks)Filename \"%s\" has too many chunks.\n", fileName);
+            Msg_Append("@&!*@*@(msg.util.expandStringTooManyChunks)Filename \"%s\" has too many chunks.\n",
+                       fileName);
             return false;
         }
         const size_t length = ChunkLength(rest);
@@ -68,9 +69,10 @@ std::optional<std::vector<std::string>> ExpandChunks(const std::vector<std::stri
             const bool reference = chunk[0] == '$' && chunk.size() > 1;
             texts.push_back(reference ? Expand(chunk, fileName) : std::string(chunk));
         } catch (const std::bad_alloc&) {
-            Msg_Append("@&!*@*@(msg.util.ExpandStringNoMemForChunk)Cannot allocate memory to expand \"%.*s\" in "
-                       "\"%s\".\n",
-                       static_cast<int>(chunk.size()), chunk.data(), fileName);
+            Msg_Append(
+                "@&!*@*@(msg.util.ExpandStringNoMemForChunk)Cannot allocate memory to expand \"%.*s\" in "
+                "\"%s\".\n",
+                static_cast<int>(chunk.size()), chunk.data(), fileName);
             return std::nullopt;
         }
     }

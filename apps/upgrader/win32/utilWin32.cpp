@@ -15,7 +15,8 @@ std::optional<std::string> UtilSystemVariable(const std::string& name) {
     if (!wide) {
         return std::nullopt;
     }
-    // Sizes count the terminator, lengths do not; so 0 is a variable that is not set only when a size is asked for.
+    // Sizes count the terminator, lengths do not; so 0 is a variable that is not set only when a size is
+    // asked for.
     std::wstring value;
     DWORD size = GetEnvironmentVariableW(wide->c_str(), nullptr, 0);
     if (size == 0) {
@@ -30,7 +31,9 @@ std::optional<std::string> UtilSystemVariable(const std::string& name) {
     return Unicode_FromWide(value);
 }
 
-unsigned long UtilSystemProcessId() { return GetCurrentProcessId(); }
+unsigned long UtilSystemProcessId() {
+    return GetCurrentProcessId();
+}
 
 std::optional<std::string> UtilSystemUserName() {
     std::array<wchar_t, LONGEST_USER_NAME + 1> name;

@@ -1,0 +1,366 @@
+#include "misc/codeset.h"
+#include "misc/codesetSystem.h"
+#include "misc/diag.h"
+#include "misc/encodingTable.h"
+
+#include <array>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <unicode/ucnv.h>
+#include <unicode/ustring.h>
+
+namespace {
+
+constexpr char UNIT[] = "lib/misc/codeset";
+constexpr size_t MAX_LENGTH = INT_MAX; // of the calls underneath
+constexpr size_t SMALL = 512;          // units converted without a second allocation; longer than most paths
+
+std::atomic<bool> icuUsable = false;
+
+struct ConverterClose {
+    void operator()(UConverter* converter) const { ucnv_close(converter); }
+};
+using Converter = std::unique_ptr<UConverter, ConverterClose>;
+
+// --- with ICU
+
+// ICU's own stopping callback passes over characters that it holds to be ignorable; here nothing is lost
+// silently.
+void StopFromUnicode(const void*, UConverterFromUnicodeArgs*, const UChar*, int32_t, UChar32,
+                     UConverterCallbackReason, UErrorCode*) {}
+
+struct Callbacks {
+    UConverterToUCallback decode;
+    UConverterFromUCallback encode;
+};
+Callbacks CallbacksOf(CodeSet_Mode mode) {
+    switch (mode) {
+    case CodeSet_Mode::Stop:
+        return {UCNV_TO_U_CALLBACK_STOP, StopFromUnicode};
+    case CodeSet_Mode::Substitute:
+        return {UCNV_TO_U_CALLBACK_SUBSTITUTE, UCNV_FROM_U_CALLBACK_SUBSTITUTE};
+    case CodeSet_Mode::Skip:
+        return {UCNV_TO_U_CALLBACK_SKIP, UCNV_FROM_U_CALLBACK_SKIP};
+    }
+    Diag_NotImplemented(UNIT, __LINE__);
+}
+
+// Null for an unknown name. ICU takes an empty one for its default encoding, which nobody asked for.
+Converter OpenConverter(const char* encoding, CodeSet_Mode mode) {
+    const Callbacks callbacks = CallbacksOf(mode);
+    if (encoding == nullptr || *encoding == '\0') {
+        return nullptr;
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    Converter converter(ucnv_open(encoding, &status));
+    if (U_SUCCESS(status)) {
+        ucnv_setToUCallBack(converter.get(), callbacks.decode, nullptr, nullptr, nullptr, &status);
+        ucnv_setFromUCallBack(converter.get(), callbacks.encode, nullptr, nullptr, nullptr, &status);
+    }
+    return U_SUCCESS(status) ? std::move(converter) : nullptr;
+}
+
+bool IcuConvert(const char* inputEncoding, const char* input, size_t length, const char* outputEncoding,
+                CodeSet_Mode mode, std::string* output) {
+    const Converter from = OpenConverter(inputEncoding, mode);
+    const Converter to = OpenConverter(outputEncoding, mode);
+    if (!from || !to) {
+        return false;
+    }
+    const size_t before = output->size();
+    std::array<UChar, 1024> pivot;
+    UChar* pivotSource = pivot.data();
+    UChar* pivotTarget = pivot.data();
+    const char* source = input;
+    size_t used = before;
+    output->resize(before + length + 4);
+    for (bool first = true;; first = false) {
+        UErrorCode status = U_ZERO_ERROR;
+        char* target = output->data() + used;
+        ucnv_convertEx(to.get(), from.get(), &target, output->data() + output->size(), &source,
+                       input + length, pivot.data(), &pivotSource, &pivotTarget, pivot.data() + pivot.size(),
+                       first, true, &status);
+        used = static_cast<size_t>(target - output->data());
+        if (status != U_BUFFER_OVERFLOW_ERROR) {
+            output->resize(U_SUCCESS(status) ? used : before);
+            return U_SUCCESS(status);
+        }
+        output->resize(before + 2 * (output->size() - before));
+    }
+}
+
+bool IcuIsValid(const char* text, size_t length, const char* encoding) {
+    const Converter converter = OpenConverter(encoding, CodeSet_Mode::Stop);
+    if (!converter) {
+        return false;
+    }
+    // Into no room at all: what is valid ends for want of room, unless it stands for no character.
+    UErrorCode status = U_ZERO_ERROR;
+    ucnv_toUChars(converter.get(), nullptr, 0, text, static_cast<int32_t>(length), &status);
+    return status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status);
+}
+
+bool IcuToUtf16(const char* text, size_t length, char16_t* out, size_t* units) {
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t result = 0;
+    const auto bytes = static_cast<int32_t>(length);
+    u_strFromUTF8(out, bytes, &result, text, bytes, &status);
+    *units = static_cast<size_t>(result);
+    return U_SUCCESS(status);
+}
+
+bool IcuFromUtf16(const char16_t* text, size_t units, char* out, size_t room, size_t* length) {
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t result = 0;
+    u_strToUTF8(out, static_cast<int32_t>(std::min(room, MAX_LENGTH)), &result, text,
+                static_cast<int32_t>(units), &status);
+    *length = static_cast<size_t>(result);
+    return U_SUCCESS(status);
+}
+
+// --- without ICU: by way of UTF-16
+
+enum class Form { Unknown, Utf8, Utf16, Utf16Little, Utf16Big, Page };
+struct Encoding {
+    Form form = Form::Unknown;
+    uint32_t codePage = 0;
+};
+
+Encoding EncodingOf(const char* name) {
+    const int index = name != nullptr ? EncodingTable_FindName(name) : ENCODING_TABLE_UNKNOWN;
+    if (index < 0) {
+        return {};
+    }
+    const EncodingTableRow& row = EncodingTable_Row(index);
+    switch (row.codePage) {
+    case CODESET_UTF8_PAGE:
+        return {Form::Utf8, 0};
+    case 1200:
+        return {Form::Utf16Little, 0};
+    case 1201:
+        return {Form::Utf16Big, 0};
+    case 0:
+        return {strcmp(row.names, "UTF-16") == 0 ? Form::Utf16 : Form::Unknown, 0};
+    default:
+        return {Form::Page, row.codePage};
+    }
+}
+
+// UTF-16 without a stated order begins with a mark that tells it, or is big-endian.
+Form TakeByteOrderMark(const char** text, size_t* length) {
+    const bool little = *length >= 2 && memcmp(*text, "\xFF\xFE", 2) == 0;
+    if (little || (*length >= 2 && memcmp(*text, "\xFE\xFF", 2) == 0)) {
+        *text += 2;
+        *length -= 2;
+    }
+    return little ? Form::Utf16Little : Form::Utf16Big;
+}
+
+bool DecodeUtf16(Form form, const char* text, size_t length, CodeSet_Mode mode, std::u16string* out) {
+    if (form == Form::Utf16) {
+        form = TakeByteOrderMark(&text, &length);
+    }
+    const size_t low = form == Form::Utf16Little ? 0 : 1;
+    for (size_t i = 0; i + 1 < length; i += 2) {
+        const auto lower = static_cast<uint8_t>(text[i + low]);
+        const auto upper = static_cast<uint8_t>(text[i + 1 - low]);
+        out->push_back(static_cast<char16_t>(lower | upper << 8));
+    }
+    if (length % 2 != 0 && mode == CodeSet_Mode::Substitute) {
+        out->push_back(0xFFFD);
+    }
+    return length % 2 == 0 || mode != CodeSet_Mode::Stop;
+}
+
+void EncodeUtf16(Form form, const std::u16string& text, std::string* out) {
+    const bool little = form != Form::Utf16Big;
+    for (char16_t unit : form == Form::Utf16 ? u'\xFEFF' + text : text) {
+        const auto lower = static_cast<char>(unit & 0xFF);
+        const auto upper = static_cast<char>(unit >> 8);
+        out->push_back(little ? lower : upper);
+        out->push_back(little ? upper : lower);
+    }
+}
+
+// The text with what is invalid dealt with as the mode says; false in stop mode if anything is.
+bool Repair(CodeSet_Mode mode, std::u16string* text) {
+    if (CodeSetUtf_IsValid(text->data(), text->size())) {
+        return true;
+    }
+    std::string utf8;
+    if (!CodeSetUtf_Encode(text->data(), text->size(), mode, &utf8)) {
+        return false;
+    }
+    text->clear();
+    return CodeSetUtf_Decode(utf8.data(), utf8.size(), mode, text);
+}
+
+bool SystemDecode(const char* name, const char* text, size_t length, CodeSet_Mode mode, std::u16string* out) {
+    const Encoding encoding = EncodingOf(name);
+    switch (encoding.form) {
+    case Form::Unknown:
+        return false;
+    case Form::Utf8:
+        return CodeSetUtf_Decode(text, length, mode, out);
+    case Form::Page:
+        return CodeSetSystemDecode(encoding.codePage, text, length, mode, out);
+    default:
+        return DecodeUtf16(encoding.form, text, length, mode, out) && Repair(mode, out);
+    }
+}
+
+bool SystemEncode(const char* name, const std::u16string& text, CodeSet_Mode mode, std::string* out) {
+    const Encoding encoding = EncodingOf(name);
+    switch (encoding.form) {
+    case Form::Unknown:
+        return false;
+    case Form::Utf8:
+        return CodeSetUtf_Encode(text.data(), text.size(), mode, out);
+    case Form::Page:
+        return CodeSetSystemEncode(encoding.codePage, text.data(), text.size(), mode, out);
+    default:
+        EncodeUtf16(encoding.form, text, out);
+        return true;
+    }
+}
+
+// --- both ways
+
+bool ToUtf16(const char* text, size_t length, char16_t* out, size_t* units) {
+    const size_t ascii = CodeSetUtf_AsciiLength(text, length);
+    CodeSetUtf_Widen(text, ascii, out);
+    size_t rest = 0;
+    if (ascii < length &&
+        !(CodeSet_UsesIcu() ? IcuToUtf16(text + ascii, length - ascii, out + ascii, &rest)
+                            : CodeSetSystemToUtf16(text + ascii, length - ascii, out + ascii, &rest))) {
+        return false;
+    }
+    *units = ascii + rest;
+    return true;
+}
+
+bool FromUtf16(const char16_t* text, size_t units, std::string* out) {
+    const size_t ascii = CodeSetUtf_AsciiLength(text, units);
+    const size_t rest = units - ascii;
+    std::array<char, 3 * SMALL> small;
+    std::string large;
+    char* target = small.data();
+    if (ascii + 3 * rest > small.size()) {
+        large.resize(ascii + 3 * rest);
+        target = large.data();
+    }
+    CodeSetUtf_Narrow(text, ascii, target);
+    size_t length = 0;
+    if (rest > 0 &&
+        !(CodeSet_UsesIcu() ? IcuFromUtf16(text + ascii, rest, target + ascii, 3 * rest, &length)
+                            : CodeSetSystemFromUtf16(text + ascii, rest, target + ascii, &length))) {
+        return false;
+    }
+    if (large.empty()) {
+        out->assign(target, ascii + length);
+    } else {
+        large.resize(ascii + length);
+        large.shrink_to_fit();
+        *out = std::move(large);
+    }
+    return true;
+}
+
+void MarkSupported() {
+    for (size_t i = 0; i < EncodingTable_Count(); i++) {
+        UErrorCode status = U_ZERO_ERROR;
+        const Converter converter(ucnv_open(EncodingTable_Row(i).names, &status));
+        EncodingTable_SetSupported(i, U_SUCCESS(status));
+    }
+}
+
+} // namespace
+
+bool CodeSet_Init(const char* dataDirectory) {
+    icuUsable = CodeSetSystemLoadIcuData(dataDirectory);
+    if (icuUsable) {
+        MarkSupported();
+    } else {
+        Debug("CodeSet_Init: no ICU\n");
+    }
+    return true;
+}
+
+bool CodeSet_UsesIcu() {
+    return icuUsable.load(std::memory_order_relaxed);
+}
+void CodeSet_DisableIcu() {
+    icuUsable = false;
+}
+
+std::string CodeSet_LocalEncoding() {
+    return "windows-" + std::to_string(CodeSetSystemAnsiPage());
+}
+
+bool CodeSet_Convert(const char* inputEncoding, const void* input, size_t length, const char* outputEncoding,
+                     CodeSet_Mode mode, std::string* output) {
+    CallbacksOf(mode); // stops at an impossible one, whatever the input
+    if (input == nullptr || length == 0) {
+        return true;
+    }
+    const char* text = static_cast<const char*>(input);
+    if (CodeSet_UsesIcu()) {
+        return IcuConvert(inputEncoding, text, length, outputEncoding, mode, output);
+    }
+    std::u16string units;
+    return SystemDecode(inputEncoding, text, length, mode, &units) &&
+           SystemEncode(outputEncoding, units, mode, output);
+}
+
+bool CodeSet_ToUtf16(const char* utf8, size_t length, CodeSet_Utf16* out) {
+    if (length > MAX_LENGTH) {
+        return false;
+    }
+    size_t units = 0;
+    if (length <= SMALL) {
+        std::array<char16_t, SMALL> small;
+        if (!ToUtf16(utf8, length, small.data(), &units)) {
+            return false;
+        }
+        out->assign(reinterpret_cast<const CodeSet_Unit*>(small.data()), units);
+        return true;
+    }
+    CodeSet_Utf16 large(length, 0);
+    if (!ToUtf16(utf8, length, reinterpret_cast<char16_t*>(large.data()), &units)) {
+        return false;
+    }
+    large.resize(units);
+    large.shrink_to_fit();
+    *out = std::move(large);
+    return true;
+}
+
+bool CodeSet_FromUtf16(const void* utf16, size_t length, std::string* out) {
+    if (length > MAX_LENGTH || length % sizeof(char16_t) != 0) {
+        return false;
+    }
+    const size_t units = length / sizeof(char16_t);
+    if (reinterpret_cast<uintptr_t>(utf16) % alignof(char16_t) != 0) {
+        std::u16string aligned(units, 0);
+        memcpy(aligned.data(), utf16, length);
+        return FromUtf16(aligned.data(), units, out);
+    }
+    return FromUtf16(static_cast<const char16_t*>(utf16), units, out);
+}
+
+bool CodeSet_IsValid(const void* text, size_t length, const char* encoding) {
+    if (length > MAX_LENGTH) {
+        Diag_NotImplemented(UNIT, __LINE__);
+    }
+    if (length == 0) {
+        return true;
+    }
+    const char* bytes = static_cast<const char*>(text);
+    if (CodeSet_UsesIcu()) {
+        return IcuIsValid(bytes, length, encoding);
+    }
+    std::u16string units;
+    return SystemDecode(encoding, bytes, length, CodeSet_Mode::Stop, &units);
+}
