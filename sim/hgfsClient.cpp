@@ -48,7 +48,7 @@ size_t ReadRoom(const HgfsClient& client) {
 HgfsPacketWriter NewPacket(HgfsClient* client, std::vector<uint8_t>* message, HgfsOp op, size_t size) {
     size_t start = message->size();
     message->resize(start + size);
-    HgfsPacketWriter packet(std::span(*message).subspan(start));
+    HgfsPacketWriter packet(std::span<uint8_t>(*message).subspan(start));
     client->requestOp = op;
     packet.U32(HgfsRequestHeader::Id, ++client->requestId);
     packet.U32(HgfsRequestHeader::Op, op);

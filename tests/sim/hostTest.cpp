@@ -314,23 +314,23 @@ struct BadGuest {
 
 TEST_F(HostTest, FindsWhatAGuestDoesWrong) {
     const BadGuest cases[] = {
-        {"relative directory", [](Guest* guest) { guest->root = "Temp\\0a1b2c3d\\"; },
-         Host_ProblemKind::Message, "odd name"},
-        {"no separator", [](Guest* guest) { guest->root = "C:\\Temp\\0a1b2c3d"; }, Host_ProblemKind::Message,
+        {"relative directory", [](Guest* bad) { bad->root = "Temp\\0a1b2c3d\\"; }, Host_ProblemKind::Message,
          "odd name"},
-        {"capital digits", [](Guest* guest) { guest->root = "C:\\Temp\\0A1B2C3D\\"; },
-         Host_ProblemKind::Message, "odd name"},
-        {"text in a reply", [](Guest* guest) { guest->capabilityReply = "x"; }, Host_ProblemKind::Script,
+        {"no separator", [](Guest* bad) { bad->root = "C:\\Temp\\0a1b2c3d"; }, Host_ProblemKind::Message,
+         "odd name"},
+        {"capital digits", [](Guest* bad) { bad->root = "C:\\Temp\\0A1B2C3D\\"; }, Host_ProblemKind::Message,
+         "odd name"},
+        {"text in a reply", [](Guest* bad) { bad->capabilityReply = "x"; }, Host_ProblemKind::Script,
          "answered 'OK x' instead of 'OK '"},
-        {"failure in a reply", [](Guest* guest) { guest->capabilityStatus = false; },
-         Host_ProblemKind::Script, "answered 'ERROR ' instead of 'OK '"},
-        {"early end", [](Guest* guest) { guest->stopAfter = 3; }, Host_ProblemKind::Script,
+        {"failure in a reply", [](Guest* bad) { bad->capabilityStatus = false; }, Host_ProblemKind::Script,
+         "answered 'ERROR ' instead of 'OK '"},
+        {"early end", [](Guest* bad) { bad->stopAfter = 3; }, Host_ProblemKind::Script,
          "closed the command channel in step"},
-        {"short writes", [](Guest* guest) { guest->server.writeLimit = 0; }, Host_ProblemKind::Copy,
+        {"short writes", [](Guest* bad) { bad->server.writeLimit = 0; }, Host_ProblemKind::Copy,
          "0 of 63455 bytes written"},
     };
-    for (const BadGuest& bad : cases) {
-        SCOPED_TRACE(bad.name);
+    for (const BadGuest& test : cases) {
+        SCOPED_TRACE(test.name);
         HgfsClient_Source source = host.client.source;
         host = Host{};
         host.client.source = source;
@@ -338,12 +338,12 @@ TEST_F(HostTest, FindsWhatAGuestDoesWrong) {
         guest = Guest{};
         guest.host = &host;
         hypervisor.service = Host_Service(&host);
-        bad.spoil(&guest);
+        test.spoil(&guest);
         Script({"greeting", "capabilities", "copy", "verify", "run", "end"});
         Upgrade();
         ASSERT_THAT(host.problems, testing::Not(IsEmpty()));
-        EXPECT_EQ(host.problems.front().kind, bad.kind);
-        EXPECT_THAT(host.problems.front().text, HasSubstr(bad.said));
+        EXPECT_EQ(host.problems.front().kind, test.kind);
+        EXPECT_THAT(host.problems.front().text, HasSubstr(test.said));
     }
 }
 
