@@ -1,0 +1,288 @@
+// Registration with the host channel, sessions, and the dispatch of packets.
+#include "hgfslib/hgfsServer.h"
+
+#include "hgfslib/hgfsServerInt.h"
+#include "misc/diag.h"
+#include "rpcout/rpcout.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+HgfsServerState hgfsServer;
+
+namespace {
+
+const char kCommand[] = "f";
+
+struct OpEntry {
+    HgfsHandler handler;
+    uint32_t minimumSize;
+};
+
+constexpr HgfsHandler HandlerOf(uint32_t op) {
+    switch (op) {
+    case HgfsOpOpen:
+    case HgfsOpOpenV2:
+    case HgfsOpOpenV3:
+        return HgfsServerOpen;
+    case HgfsOpRead:
+    case HgfsOpReadV3:
+        return HgfsServerRead;
+    case HgfsOpWrite:
+    case HgfsOpWriteV3:
+        return HgfsServerWrite;
+    case HgfsOpClose:
+    case HgfsOpCloseV3:
+        return HgfsServerClose;
+    case HgfsOpGetattr:
+    case HgfsOpGetattrV2:
+    case HgfsOpGetattrV3:
+        return HgfsServerGetattr;
+    case HgfsOpCreateDir:
+    case HgfsOpCreateDirV2:
+    case HgfsOpCreateDirV3:
+        return HgfsServerCreateDir;
+    case HgfsOpDeleteFile:
+    case HgfsOpDeleteFileV2:
+    case HgfsOpDeleteFileV3:
+        return HgfsServerDeleteFile;
+    default:
+        return HgfsServerNotSupported;
+    }
+}
+
+constexpr std::array<OpEntry, HgfsOpCount> MakeOpTable() {
+    std::array<OpEntry, HgfsOpCount> table{};
+    for (uint32_t op = 0; op < HgfsOpCount; ++op) {
+        table[op] = {HandlerOf(op), kHgfsOps[op].minimumSize};
+    }
+    return table;
+}
+constexpr std::array<OpEntry, HgfsOpCount> kOpTable = MakeOpTable();
+
+// Every reply to the channel is handed over in here.
+uint8_t replyBuffer[kHgfsLargePacketMax];
+
+bool HandleCommand(const char** result, uint64_t* resultLength, const char*, const char* args,
+                   uint64_t argsSize, void*) {
+    if (argsSize == 0) {
+        return RpcIn_SetResult(result, resultLength, "1 argument required", false);
+    }
+    // The first byte is the blank behind the command's name.
+    size_t size = argsSize - 1;
+    HgfsServer_HandlePacket(reinterpret_cast<const uint8_t*>(args + 1), replyBuffer, &size);
+    *result = reinterpret_cast<const char*>(replyBuffer);
+    *resultLength = size;
+    return true;
+}
+
+// Runs the handler of a packet that is long enough for its header.
+uint32_t CallHandler(std::span<const uint8_t> packet, HgfsSession* session) {
+    uint32_t op = HgfsRequestOp(packet);
+    if (op >= kOpTable.size() || packet.size() < kOpTable[op].minimumSize) {
+        return HgfsErrorProtocol;
+    }
+    try {
+        return kOpTable[op].handler(packet, session);
+    } catch (const std::bad_alloc&) {
+        return HgfsErrorInternal;
+    }
+}
+
+} // namespace
+
+bool HgfsServerStartUp(const HgfsPlatform* platform, size_t maxCachedNodes, HgfsHandleObserver observer) {
+    try {
+        hgfsServer.shares.push_back({"root", "", true, true});
+    } catch (const std::bad_alloc&) {
+        hgfsServer.shares.clear();
+        return false;
+    }
+    hgfsServer.platform = platform;
+    hgfsServer.maxCachedNodes = maxCachedNodes;
+    hgfsServer.nextHandle = 0;
+    hgfsServer.observer = observer;
+    hgfsServer.session = nullptr;
+    hgfsServer.pending = {};
+    uint32_t error = platform->startUp();
+    if (error != HgfsErrorNone) {
+        Debug("HgfsServer: cannot start the platform layer, error %u\n", error);
+        hgfsServer.shares.clear();
+        return false;
+    }
+    return true;
+}
+
+void HgfsServerShutDown() {
+    if (hgfsServer.session != nullptr) {
+        HgfsServerReleaseSession(std::exchange(hgfsServer.session, nullptr));
+    }
+    hgfsServer.platform->shutDown();
+    hgfsServer.pending = {};
+    hgfsServer.shares.clear();
+}
+
+bool HgfsServer_RegisterWithChannel(RpcIn* in, const char* applicationName) {
+    if (!HgfsServerStartUp(HgfsPlatform_System(), kHgfsMaxCachedNodes, nullptr)) {
+        return false;
+    }
+    if (in == nullptr) {
+        return true;
+    }
+    RpcIn_RegisterCallback(in, kCommand, HandleCommand, nullptr);
+    HgfsServer_SendCapability(applicationName, true);
+    return true;
+}
+
+void HgfsServer_UnregisterFromChannel(RpcIn* in, const char* applicationName) {
+    HgfsServer_SendCapability(applicationName, false);
+    if (in != nullptr) {
+        RpcIn_UnregisterCallback(in, kCommand);
+    }
+    HgfsServerShutDown();
+}
+
+bool HgfsServer_SendCapability(const char* applicationName, bool enabled) {
+    return RpcOut_SendRequest(nullptr, nullptr, "tools.capability.hgfs_server %s %s", applicationName,
+                              enabled ? "1" : "0");
+}
+
+HgfsSession* HgfsServerCreateSession() {
+    return new (std::nothrow) HgfsSession;
+}
+
+void HgfsServerReleaseSession(HgfsSession* session) {
+    if (--session->references == 0) {
+        HgfsServerFreeAllNodes(session);
+        delete session;
+    }
+}
+
+void HgfsServer_HandlePacket(const uint8_t* packet, uint8_t* reply, size_t* size) {
+    if (*size == 0) {
+        return;
+    }
+    if (hgfsServer.session == nullptr) {
+        hgfsServer.session = HgfsServerCreateSession();
+        if (hgfsServer.session == nullptr) {
+            *size = 0;
+            return;
+        }
+    }
+    HgfsServer_ReceivePacket({packet, *size}, hgfsServer.session);
+    *size = hgfsServer.pending.size;
+    if (*size > 0) {
+        std::memcpy(reply, hgfsServer.pending.bytes.get(), *size);
+    }
+    hgfsServer.pending = {};
+}
+
+void HgfsServer_ReceivePacket(std::span<const uint8_t> packet, HgfsSession* session) {
+    {
+        std::lock_guard guard(session->lock);
+        if (session->state == HgfsSessionState::Closed) {
+            return;
+        }
+    }
+    ++session->references;
+    uint32_t error = packet.size() < kHgfsHeaderSize ? HgfsErrorProtocol : CallHandler(packet, session);
+    if (error == HgfsErrorNone) {
+        return;
+    }
+    // The id of a packet shorter than its header is what is there, the rest taken as zeros.
+    uint8_t id[4] = {};
+    std::memcpy(id, packet.data(), std::min(packet.size(), sizeof id));
+    HgfsServer_QueueReply(session, HgfsRequestId(id), error, HgfsServerNewReply(kHgfsHeaderSize));
+}
+
+HgfsStatus HgfsServer_MapStatus(uint32_t error) {
+    switch (error) {
+    case HgfsErrorNone:
+        return HgfsStatusSuccess;
+    case HgfsErrorFileNotFound:
+    case HgfsErrorPathNotFound:
+        return HgfsStatusNoSuchFileOrDir;
+    case HgfsErrorAccessDenied:
+        return HgfsStatusAccessDenied;
+    case HgfsErrorInvalidHandle:
+        return HgfsStatusInvalidHandle;
+    case HgfsErrorNotSameDevice:
+        return HgfsStatusNotSameDevice;
+    case HgfsErrorSharingViolation:
+        return HgfsStatusSharingViolation;
+    case HgfsErrorHandleDiskFull:
+    case HgfsErrorDiskFull:
+        return HgfsStatusNoSpace;
+    case HgfsErrorNotSupported:
+        return HgfsStatusOperationNotSupported;
+    case HgfsErrorFileExists:
+    case HgfsErrorAlreadyExists:
+        return HgfsStatusFileExists;
+    case HgfsErrorInvalidParameter:
+        return HgfsStatusInvalidParameter;
+    case HgfsErrorInvalidName:
+        return HgfsStatusInvalidName;
+    case HgfsErrorDirNotEmpty:
+        return HgfsStatusDirNotEmpty;
+    case HgfsErrorProtocol:
+        return HgfsStatusProtocolError;
+    default:
+        return HgfsStatusGenericError;
+    }
+}
+
+uint32_t HgfsServer_MapNameStatus(uint32_t status) {
+    switch (status) {
+    case HgfsNameComplete:
+        return HgfsErrorNone;
+    case HgfsNameFailure:
+    case HgfsNameIncompleteBase:
+    case HgfsNameIncompleteRoot:
+    case HgfsNameIncompleteDrive:
+    case HgfsNameIncompleteUnc:
+    case HgfsNameIncompleteMachine:
+    case HgfsNameInvalid:
+    case HgfsNameTooLong:
+        return HgfsErrorInvalidName;
+    case HgfsNameDoesNotExist:
+        return HgfsErrorPathNotFound;
+    case HgfsNameAccessDenied:
+        return HgfsErrorAccessDenied;
+    case HgfsNameOutOfMemory:
+        return HgfsErrorNotEnoughMemory;
+    default:
+        Diag_NotImplemented("toolbox/windows/hgfslib/hgfsServerWin32", __LINE__);
+    }
+}
+
+HgfsReply HgfsServerNewReply(size_t size) {
+    return {std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[size]()), size};
+}
+
+HgfsReply HgfsServerNewDataReply(size_t dataOffset, size_t dataSize) {
+    HgfsReply reply = {std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[dataOffset + dataSize]),
+                       dataOffset + dataSize};
+    if (reply) {
+        std::memset(reply.bytes.get(), 0, dataOffset);
+    }
+    return reply;
+}
+
+uint32_t HgfsServer_QueueReply(HgfsSession* session, uint32_t requestId, uint32_t error, HgfsReply reply) {
+    if (reply) {
+        HgfsPacketWriter writer({reply.bytes.get(), reply.size});
+        writer.U32(HgfsReplyHeader::Id, requestId);
+        writer.U32(HgfsReplyHeader::Status, HgfsServer_MapStatus(error));
+        if (session->kind == HgfsSessionKind::Channel) {
+            hgfsServer.pending = std::move(reply);
+        }
+    }
+    HgfsServerReleaseSession(session);
+    return HgfsErrorNone;
+}
+
+uint32_t HgfsServerNotSupported(std::span<const uint8_t>, HgfsSession*) {
+    return HgfsErrorNotSupported;
+}
