@@ -191,6 +191,8 @@ void CoreDump_Backtrace(const CONTEXT* context, CoreDump_Output output, void* ar
     frame.AddrFrame = FlatAddress(walked.Rbp);
     frame.AddrStack = FlatAddress(walked.Rsp);
     for (int i = 0; i < MAX_FRAMES; i++) {
+        // The walker finds the unwind data of a frame only when the symbols of its module are loaded.
+        ModulePart(i == 0 ? walked.Rip : frame.AddrReturn.Offset);
         if (!coreDumpDbgHelp.stackWalk(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), GetCurrentThread(),
                                        &frame, &walked, nullptr, coreDumpDbgHelp.symFunctionTableAccess,
                                        coreDumpDbgHelp.symGetModuleBase, nullptr) ||

@@ -167,13 +167,12 @@ void LogBacktraceLine(void* /*argument*/, const char* format, ...) {
     Log_Error("%s", line.data());
 }
 
-// The parts that need the heap. A program that dies of having no memory still gets the rest of its report.
-void WriteDumpAndBacktrace(EXCEPTION_POINTERS* pointers, bool dump) {
+// For the parts that need the heap: a program that dies of having no memory still gets the rest of its
+// report.
+template <typename Part>
+void WithoutMemoryFailure(Part part) {
     try {
-        if (dump) {
-            CoreDump_CoreDump(pointers);
-        }
-        CoreDump_Backtrace(pointers->ContextRecord, LogBacktraceLine, nullptr);
+        part();
     } catch (const std::bad_alloc&) {
         // Nothing that could be said about it would find memory.
     }
@@ -181,7 +180,11 @@ void WriteDumpAndBacktrace(EXCEPTION_POINTERS* pointers, bool dump) {
 
 void WriteReport(EXCEPTION_POINTERS* pointers, bool dump) {
     WarnException(*pointers);
-    WriteDumpAndBacktrace(pointers, dump);
+    if (dump) {
+        WithoutMemoryFailure([pointers] { CoreDump_CoreDump(pointers); });
+    }
+    WithoutMemoryFailure(
+        [pointers] { CoreDump_Backtrace(pointers->ContextRecord, LogBacktraceLine, nullptr); });
     const auto code = static_cast<uint32_t>(pointers->ExceptionRecord->ExceptionCode);
     if (code == COREDUMP_IN_PAGE_ERROR) {
         Log_Error("Warning: the system was unable to load a page of memory; this can be caused by network "
@@ -189,6 +192,31 @@ void WriteReport(EXCEPTION_POINTERS* pointers, bool dump) {
     }
     fprintf(stderr, "Exception %#010x %s has occurred.\n", code, CoreDumpExceptionName(code));
     fflush(stderr);
+}
+
+// Makes a stack overflow come early enough for its report. A failure costs that report and nothing else.
+void ReserveStack() {
+    ULONG reserved = RESERVED_STACK_BYTES;
+    if (!SetThreadStackGuarantee(&reserved)) {
+        return;
+    }
+    // Where stacks grow by page faults, that is all. Where a stack is committed as a whole, its guard page
+    // already stands at the very end, and the system does not move it: another one goes to where the reserve
+    // begins.
+    MEMORY_BASIC_INFORMATION stack;
+    MEMORY_BASIC_INFORMATION limit;
+    const char here = 0;
+    if (VirtualQuery(&here, &stack, sizeof stack) == 0) {
+        return;
+    }
+    char* reserve = static_cast<char*>(stack.AllocationBase) + RESERVED_STACK_BYTES;
+    if (VirtualQuery(reserve, &limit, sizeof limit) != 0 && limit.BaseAddress == reserve &&
+        &here - reserve > 0 && limit.State == MEM_COMMIT && limit.Protect == PAGE_READWRITE) {
+        DWORD before = 0;
+        SYSTEM_INFO system;
+        GetSystemInfo(&system);
+        VirtualProtect(reserve, system.dwPageSize, PAGE_READWRITE | PAGE_GUARD, &before);
+    }
 }
 
 } // namespace
@@ -200,9 +228,7 @@ LPTOP_LEVEL_EXCEPTION_FILTER CoreDump_SetUnhandledExceptionFilter() {
             Diag_NotImplemented(COREDUMP_UNIT, NO_SLOT_LINE);
         }
     }
-    // A failure costs the report of a stack overflow and nothing else.
-    ULONG reserved = RESERVED_STACK_BYTES;
-    SetThreadStackGuarantee(&reserved);
+    ReserveStack();
     SetUnhandledExceptionFilter(CoreDumpExceptionFilter);
     return CoreDumpExceptionFilter;
 }
