@@ -8,7 +8,7 @@ packages=(
   cmake ninja-build make git python3
   g++-mingw-w64-x86-64-posix                # the compiler of the product
   g++                                       # the C++ library for the native builds
-  clang-14 libclang-rt-14-dev               # the compiler of the native builds: sanitizers, fuzzing
+  clang-14 libclang-rt-14-dev llvm-14        # the compiler of the native builds: sanitizers, fuzzing
   clang-format-14 clang-tidy-14             # the rules for our sources
   googletest                                # as source, built for both worlds
   libicu-dev                                # ICU of the native builds
