@@ -158,6 +158,29 @@ bool ExtractImage(const std::string& imagePath, const std::string& directory) {
     return extracted;
 }
 
+// The steps after the first one have no command that starts them.
+void ScheduleNextStep(UpgraderData* data) {
+    if (data->stepScheduled || data->installPhase == UpgraderPhase::Extract || data->installerProcess) {
+        return;
+    }
+    data->stepScheduled =
+        EventManager_Add(data->eventQueue, UPGRADER_NEXT_STEP_DELAY, UpgraderInstallStep, data) != nullptr;
+}
+
+// After a successful extraction the image is gone already, and this says what the deletion of a missing file
+// says.
+void RemoveImage(const std::string& guestFileRoot) {
+    std::string directory;
+    File_GetPathName(guestFileRoot, &directory, nullptr);
+    std::string image = Str_Format("%s%s%s", directory.c_str(), UPGRADER_SEPARATOR, UPGRADER_IMAGE_NAME);
+    Debug("Deleting %s... ", image.c_str());
+    if (File_Unlink(image.c_str()) != -1) {
+        Debug(" succeeded.\n");
+    } else {
+        Debug(" failed. Please finish the removal process manually.\n");
+    }
+}
+
 } // namespace
 
 uint32_t UpgraderMain(int argumentCount, char** arguments) {
@@ -247,6 +270,33 @@ bool UpgraderInstallStep(void* clientData) {
     }
     }
     Diag_NotReached(PHASE_UNIT, PHASE_LINE);
+}
+
+bool UpgraderTurn(UpgraderData* data, uint64_t* sleep) {
+    ScheduleNextStep(data);
+    int32_t result = EventManager_RunNext(data->eventQueue, sleep);
+    if (result != 1) {
+        Debug("Unexpected end of the main loop (%d)\n", result);
+        return false;
+    }
+    if (data->stop) {
+        return false;
+    }
+    if (uint32_t signal = upgraderConsoleSignal; signal != 0) {
+        Debug("Exiting UpgraderLoop on signal %d\n", static_cast<int>(signal));
+        return false;
+    }
+    return true;
+}
+
+void UpgraderCleanup(UpgraderData* data) {
+    if (data->guestFileRoot) {
+        RemoveImage(*data->guestFileRoot);
+    }
+    if (data->deleteFiles) {
+        UpgraderRemoveOwnDirectory();
+    }
+    UpgraderEnd(data);
 }
 
 void UpgraderEnd(UpgraderData* data) {

@@ -74,7 +74,14 @@ UpgraderData* UpgraderInit(int argumentCount,
 bool UpgraderSetGuestFileRoot(UpgraderData* data);
 bool UpgraderExtractIso(UpgraderData* data);
 bool UpgraderInstallStep(void* data); // event-queue callback; false ends the loop
-void UpgraderEnd(UpgraderData* data); // tear-down; frees the record
+
+// One turn of the loop without its wait: schedules the next installation step, runs one due event and gives
+// the time until the next one in microseconds. False when the loop has to end; the reason has then been
+// logged.
+bool UpgraderTurn(UpgraderData* data, uint64_t* sleep);
+
+void UpgraderCleanup(UpgraderData* data); // removes what the run left behind, then UpgraderEnd
+void UpgraderEnd(UpgraderData* data);     // tear-down; frees the record
 
 bool UpgraderTcloCapReg(const char** result, uint64_t* resultLength, const char* name, const char* args,
                         uint64_t argsSize, void* clientData);
@@ -90,7 +97,7 @@ void UpgraderRpcError(void* clientData, const char* text);
 
 void UpgraderUsage(const char* programPath);        // the usage box
 void UpgraderLoop(UpgraderData* data);              // runs the queue and waits for the installer
-void UpgraderCleanup(UpgraderData* data);           // removes our own files, then UpgraderEnd
+void UpgraderRemoveOwnDirectory();                  // -c: queues the program's directory for the next restart
 bool UpgraderLaunchInstaller(UpgraderData* data);   // phase Launch
 bool UpgraderInstallerFinished(UpgraderData* data); // phase HandleResult; always true
 uint32_t UpgraderRandom();                          // 32 bits from the system's cryptographic generator

@@ -92,16 +92,11 @@ void ProcMgr_Free(ProcMgr_AsyncProc* /*process*/) {}
 void UpgraderUsage(const char* programPath) {
     Did(std::string("usage ") + programPath);
 }
-void UpgraderLoop(UpgraderData* data) {
+void UpgraderLoop(UpgraderData* /*data*/) {
     Did("loop");
-    uint64_t sleep = 0;
-    while (!data->stop && EventManager_RunNext(data->eventQueue, &sleep) == 1) {
-        testing::Test::HasFailure();
-    }
 }
-void UpgraderCleanup(UpgraderData* data) {
-    Did("clean up");
-    UpgraderEnd(data);
+void UpgraderRemoveOwnDirectory() {
+    Did("remove own directory");
 }
 bool UpgraderLaunchInstaller(UpgraderData* /*data*/) {
     Did("launch");
@@ -382,6 +377,54 @@ TEST_F(UpgraderTest, TheEndTellsTheHostAndThePowerGoesLast) {
         EXPECT_EQ(std::count(host_.sent.begin(), host_.sent.end(), "toolinstall.end 0"), c.told ? 1 : 0);
         EXPECT_EQ(world.done.front(), "unregister tools-upgrader");
         EXPECT_EQ(world.done.back(), c.power.empty() ? "unregister tools-upgrader" : c.power);
+    }
+}
+
+TEST_F(UpgraderTest, TheLoopDrivesTheLaterStepsAndSaysWhyItEnds) {
+    UpgraderData* data = Init();
+    ASSERT_TRUE(data);
+    uint64_t sleep = 0;
+    EXPECT_TRUE(UpgraderTurn(data, &sleep)) << "the first poll";
+    EXPECT_FALSE(data->stepScheduled) << "nothing to do before the host's command";
+    data->installPhase = UpgraderPhase::Launch;
+    EXPECT_TRUE(UpgraderTurn(data, &sleep));
+    EXPECT_TRUE(data->stepScheduled);
+
+    data->stop = true;
+    EXPECT_FALSE(UpgraderTurn(data, &sleep));
+    data->stop = false;
+    upgraderConsoleSignal = 2;
+    DiagCapture_Take();
+    EXPECT_FALSE(UpgraderTurn(data, &sleep));
+    EXPECT_EQ(DiagCapture_Take().debug.back(), "Exiting UpgraderLoop on signal 2\n");
+    upgraderConsoleSignal = 0;
+
+    RpcIn_stop(data->rpcIn);
+    world.launch = false;
+    while (UpgraderTurn(data, &sleep)) {
+    }
+    EXPECT_EQ(DiagCapture_Take().debug.back(), "Unexpected end of the main loop (-1)\n")
+        << "the launch failed";
+    data->installPhase = UpgraderPhase::Extract;
+    EXPECT_FALSE(UpgraderTurn(data, &sleep));
+    EXPECT_EQ(DiagCapture_Take().debug.back(), "Unexpected end of the main loop (0)\n");
+    UpgraderEnd(data);
+}
+
+TEST_F(UpgraderTest, CleanUpRemovesTheImageAndOnRequestTheProgram) {
+    for (const char* option : {"-d", "-c"}) {
+        world = {};
+        world.random = 0xAB;
+        host_.incoming = {"1 "};
+        UpgraderData* data = Init({option});
+        ASSERT_TRUE(data);
+        DiagCapture_Take();
+        UpgraderCleanup(data);
+        auto messages = DiagCapture_Take().debug;
+        EXPECT_EQ(messages[0], "Deleting C:\\Temp\\000000ab\\windows.iso... ");
+        EXPECT_EQ(messages[1], " failed. Please finish the removal process manually.\n");
+        bool removed = std::count(world.done.begin(), world.done.end(), "remove own directory") == 1;
+        EXPECT_EQ(removed, std::string(option) == "-c");
     }
 }
 

@@ -78,36 +78,17 @@ bool WaitForInstaller(ProcMgr_AsyncProc* installer, DWORD milliseconds) {
     return WaitForSingleObjectEx(handle, milliseconds, TRUE) == WAIT_OBJECT_0;
 }
 
-// The steps after the first one have no command that starts them.
-void ScheduleNextStep(UpgraderData* data) {
-    if (data->stepScheduled || data->installPhase == UpgraderPhase::Extract || data->installerProcess) {
-        return;
-    }
-    if (EventManager_Add(data->eventQueue, UPGRADER_NEXT_STEP_DELAY, UpgraderInstallStep, data)) {
-        data->stepScheduled = true;
-    }
-}
-
-// One turn of the loop; false ends it.
-bool LoopTurn(UpgraderData* data) {
-    ScheduleNextStep(data);
+// One turn of the loop with its wait; false ends it.
+bool TurnAndWait(UpgraderData* data) {
     uint64_t sleep = 0;
-    int32_t result = EventManager_RunNext(data->eventQueue, &sleep);
-    if (result != 1) {
-        Debug("Unexpected end of the main loop (%d)\n", result);
+    if (!UpgraderTurn(data, &sleep)) {
         return false;
     }
-    if (data->stop) {
-        return false;
-    }
-    if (uint32_t signal = upgraderConsoleSignal; signal != SIGNAL_NONE) {
-        Debug("Exiting UpgraderLoop on signal %d\n", signal);
-        return false;
-    }
-    if (!WaitForInstaller(data->installerProcess.get(), WaitTime(sleep))) {
+    ProcMgr_AsyncProc* installer = data->installerProcess.get();
+    if (!WaitForInstaller(installer, WaitTime(sleep))) {
         return true;
     }
-    if (ProcMgr_GetExitCode(data->installerProcess.get(), &data->installerExitCode) != 0) {
+    if (ProcMgr_GetExitCode(installer, &data->installerExitCode) != 0) {
         Debug("Error getting exit code from process\n");
         return false;
     }
@@ -177,7 +158,7 @@ void UpgraderLoop(UpgraderData* data) {
         Warning("Failed to install Control event handler.\n");
         return;
     }
-    while (LoopTurn(data)) {
+    while (TurnAndWait(data)) {
     }
     // When the session or the system ends, the installer is left to finish; otherwise nobody waits for it any
     // more.

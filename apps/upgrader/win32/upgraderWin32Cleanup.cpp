@@ -1,4 +1,4 @@
-// What is removed after a run: the image, and with -c the program's own directory at the next restart.
+// Option -c: the program's own directory goes at the next restart.
 
 #include "upgrader/upgrader.h"
 
@@ -16,25 +16,15 @@ namespace {
 
 constexpr size_t LONGEST_PATH = 32768; // of a path in UTF-16 units, the system's own limit
 
-void RemoveImage(const std::string& guestFileRoot) {
-    std::string directory;
-    File_GetPathName(guestFileRoot, &directory, nullptr);
-    std::string image = Str_Format("%s%s%s", directory.c_str(), UPGRADER_SEPARATOR, UPGRADER_IMAGE_NAME);
-    Debug("Deleting %s... ", image.c_str());
-    if (File_Unlink(image.c_str()) != -1) {
-        Debug(" succeeded.\n");
-    } else {
-        Debug(" failed. Please finish the removal process manually.\n");
-    }
-}
-
 void QueueForDeletion(const std::string& path) {
     Debug("Queuing %s for deletion\n", path.c_str());
     File_UnlinkDelayed(path.c_str());
 }
 
+} // namespace
+
 // A running program cannot delete itself: everything goes at the next restart, the directory after its files.
-void RemoveOwnDirectory() {
+void UpgraderRemoveOwnDirectory() {
     std::wstring program(LONGEST_PATH, L'\0');
     DWORD length = GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size()));
     DWORD error = GetLastError();
@@ -59,16 +49,4 @@ void RemoveOwnDirectory() {
         QueueForDeletion(Str_Format("%s%s%s", directory.c_str(), UPGRADER_SEPARATOR, name.c_str()));
     }
     QueueForDeletion(directory);
-}
-
-} // namespace
-
-void UpgraderCleanup(UpgraderData* data) {
-    if (data->guestFileRoot) {
-        RemoveImage(*data->guestFileRoot);
-    }
-    if (data->deleteFiles) {
-        RemoveOwnDirectory();
-    }
-    UpgraderEnd(data);
 }
