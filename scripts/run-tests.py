@@ -223,22 +223,19 @@ def fuzz_programs(options):
     for path in sorted((BUILD / "fuzz" / "fuzz").glob("fuzz_*")):
         if path.suffix or not os.access(path, os.X_OK):
             continue
-        seeds = ROOT / "fuzz" / "corpus" / path.name.removeprefix("fuzz_")
-        found = BUILD / "fuzz" / "corpus" / path.name
-        found.mkdir(parents=True, exist_ok=True)
-        # Without a time of the caller's choice every run tries the same inputs.
+        # Without a time of the caller's choice every run starts from the seeds and tries the same inputs.
         bounds = [f"-max_total_time={options.fuzz_seconds}"] if options.fuzz_seconds else [
             "-runs=20000", "-seed=1", "-max_total_time=60"]
-        folders = [str(found)] if options.fuzz_seconds else []
-        folders += [str(seeds)] if seeds.is_dir() else []
+        found = BUILD / "fuzz" / ("corpus" if options.fuzz_seconds else "scratch") / path.name
         if not options.fuzz_seconds:
-            scratch = BUILD / "fuzz" / "scratch" / path.name
-            shutil.rmtree(scratch, ignore_errors=True)
-            scratch.mkdir(parents=True)
-            folders.insert(0, str(scratch))
-        yield Program("fuzz", path.name, [str(path), *bounds, "-timeout=20", "-rss_limit_mb=2048", "-print_final_stats=1",
-                                          f"-artifact_prefix={found}/", *folders],
-                      (options.fuzz_seconds or 60) + 120, read_fuzzer)
+            shutil.rmtree(found, ignore_errors=True)
+        crashes = BUILD / "fuzz" / "crashes" / path.name
+        for folder in (found, crashes):
+            folder.mkdir(parents=True, exist_ok=True)
+        seeds = ROOT / "fuzz" / "corpus" / path.name.removeprefix("fuzz_")
+        command = [str(path), *bounds, "-timeout=20", "-rss_limit_mb=2048", "-print_final_stats=1",
+                   f"-artifact_prefix={crashes}/", str(found), *([str(seeds)] if seeds.is_dir() else [])]
+        yield Program("fuzz", path.name, command, (options.fuzz_seconds or 60) + 120, read_fuzzer)
 
 
 def programs(ring, options):
