@@ -20,8 +20,8 @@ struct Machine {
     bool acpi = true;
     bool loginScreen = false;
     uint32_t exitError = 0;
-    std::deque<uint32_t> initiateErrors; // one for each call; 0 afterwards
-    std::string calls;
+    std::deque<uint32_t> initiateErrors = {}; // one for each call; 0 afterwards
+    std::string calls = {};
 };
 Machine machine;
 

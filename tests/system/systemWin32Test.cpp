@@ -1,7 +1,7 @@
 // The calls themselves: registry, input desktop, privilege.
 #include "system/system.h"
 
-#include "diagCapture.h"
+#include "support/diagCapture.h"
 #include "misc/win32Handle.h"
 
 #include <gmock/gmock.h>
