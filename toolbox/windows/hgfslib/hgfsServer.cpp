@@ -16,51 +16,26 @@ namespace {
 
 const char kCommand[] = "f";
 
-struct OpEntry {
-    HgfsHandler handler;
-    uint32_t minimumSize;
+// In the order of the operation numbers; the names, versions and smallest sizes are kHgfsOps'.
+constexpr std::array<HgfsHandler, HgfsOpCount> kHandlers = {
+    HgfsServerOpen,         HgfsServerRead,         HgfsServerWrite,        HgfsServerClose,
+    HgfsServerSearchOpen,   HgfsServerSearchRead,   HgfsServerSearchClose,  HgfsServerGetattr,
+    HgfsServerSetattr,      HgfsServerCreateDir,    HgfsServerDeleteFile,   HgfsServerDeleteDir,
+    HgfsServerRename,       HgfsServerQueryVolume,
+
+    HgfsServerOpen,         HgfsServerGetattr,      HgfsServerSetattr,      HgfsServerSearchRead,
+    HgfsServerNotSupported, HgfsServerNotSupported, HgfsServerCreateDir,    HgfsServerDeleteFile,
+    HgfsServerDeleteDir,    HgfsServerRename,
+
+    HgfsServerOpen,         HgfsServerRead,         HgfsServerWrite,        HgfsServerClose,
+    HgfsServerSearchOpen,   HgfsServerSearchRead,   HgfsServerSearchClose,  HgfsServerGetattr,
+    HgfsServerSetattr,      HgfsServerCreateDir,    HgfsServerDeleteFile,   HgfsServerDeleteDir,
+    HgfsServerRename,       HgfsServerQueryVolume,  HgfsServerNotSupported, HgfsServerNotSupported,
 };
-
-constexpr HgfsHandler HandlerOf(uint32_t op) {
-    switch (op) {
-    case HgfsOpOpen:
-    case HgfsOpOpenV2:
-    case HgfsOpOpenV3:
-        return HgfsServerOpen;
-    case HgfsOpRead:
-    case HgfsOpReadV3:
-        return HgfsServerRead;
-    case HgfsOpWrite:
-    case HgfsOpWriteV3:
-        return HgfsServerWrite;
-    case HgfsOpClose:
-    case HgfsOpCloseV3:
-        return HgfsServerClose;
-    case HgfsOpGetattr:
-    case HgfsOpGetattrV2:
-    case HgfsOpGetattrV3:
-        return HgfsServerGetattr;
-    case HgfsOpCreateDir:
-    case HgfsOpCreateDirV2:
-    case HgfsOpCreateDirV3:
-        return HgfsServerCreateDir;
-    case HgfsOpDeleteFile:
-    case HgfsOpDeleteFileV2:
-    case HgfsOpDeleteFileV3:
-        return HgfsServerDeleteFile;
-    default:
-        return HgfsServerNotSupported;
-    }
-}
-
-constexpr std::array<OpEntry, HgfsOpCount> MakeOpTable() {
-    std::array<OpEntry, HgfsOpCount> table{};
-    for (uint32_t op = 0; op < HgfsOpCount; ++op) {
-        table[op] = {HandlerOf(op), kHgfsOps[op].minimumSize};
-    }
-    return table;
-}
-constexpr std::array<OpEntry, HgfsOpCount> kOpTable = MakeOpTable();
+static_assert(kHandlers[HgfsOpQueryVolumeInfo] == HgfsServerQueryVolume);
+static_assert(kHandlers[HgfsOpSearchReadV2] == HgfsServerSearchRead &&
+              kHandlers[HgfsOpRenameV2] == HgfsServerRename);
+static_assert(kHandlers[HgfsOpQueryVolumeInfoV3] == HgfsServerQueryVolume);
 
 // Every reply to the channel is handed over in here.
 uint8_t replyBuffer[kHgfsLargePacketMax];
@@ -81,11 +56,11 @@ bool HandleCommand(const char** result, uint64_t* resultLength, const char*, con
 // Runs the handler of a packet that is long enough for its header.
 uint32_t CallHandler(std::span<const uint8_t> packet, HgfsSession* session) {
     uint32_t op = HgfsRequestOp(packet);
-    if (op >= kOpTable.size() || packet.size() < kOpTable[op].minimumSize) {
+    if (op >= HgfsOpCount || packet.size() < kHgfsOps[op].minimumSize) {
         return HgfsErrorProtocol;
     }
     try {
-        return kOpTable[op].handler(packet, session);
+        return kHandlers[op](packet, session);
     } catch (const std::bad_alloc&) {
         return HgfsErrorInternal;
     }
@@ -281,6 +256,17 @@ uint32_t HgfsServer_QueueReply(HgfsSession* session, uint32_t requestId, uint32_
     }
     HgfsServerReleaseSession(session);
     return HgfsErrorNone;
+}
+
+uint32_t HgfsServerFinish(HgfsSession* session, std::span<const uint8_t> packet, HgfsReply reply) {
+    if (!reply) {
+        return HgfsErrorNotEnoughMemory;
+    }
+    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+}
+
+HgfsReply HgfsServerNewEmptyReply(HgfsOp op) {
+    return HgfsServerNewReply(kHgfsOps[op].version == 3 ? HgfsEmptyReplyV3::Size : HgfsEmptyReplyV1::Size);
 }
 
 uint32_t HgfsServerNotSupported(std::span<const uint8_t>, HgfsSession*) {

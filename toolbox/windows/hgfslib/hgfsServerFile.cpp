@@ -87,7 +87,7 @@ uint32_t HgfsServerOpen(std::span<const uint8_t> packet, HgfsSession* session) {
     }
     // No lock is ever granted, so the acquired lock stays 0.
     HgfsPacketWriter({reply.bytes.get(), reply.size}).U32(HgfsOpenReplyV1::Handle, handle);
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+    return HgfsServerFinish(session, packet, std::move(reply));
 }
 
 uint32_t HgfsServerRead(std::span<const uint8_t> packet, HgfsSession* session) {
@@ -120,7 +120,7 @@ uint32_t HgfsServerRead(std::span<const uint8_t> packet, HgfsSession* session) {
     }
     HgfsPacketWriter({reply.bytes.get(), reply.size}).U32(HgfsReadReplyV1::ActualSize, actual);
     reply.size = dataOffset + actual;
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+    return HgfsServerFinish(session, packet, std::move(reply));
 }
 
 uint32_t HgfsServerWrite(std::span<const uint8_t> packet, HgfsSession* session) {
@@ -156,17 +156,16 @@ uint32_t HgfsServerWrite(std::span<const uint8_t> packet, HgfsSession* session) 
         return error;
     }
     HgfsPacketWriter({reply.bytes.get(), reply.size}).U32(HgfsWriteReplyV1::ActualSize, actual);
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+    return HgfsServerFinish(session, packet, std::move(reply));
 }
 
 uint32_t HgfsServerClose(std::span<const uint8_t> packet, HgfsSession* session) {
-    const bool large = HgfsRequestOp(packet) == HgfsOpCloseV3;
-    HgfsReply reply = HgfsServerNewReply(large ? HgfsEmptyReplyV3::Size : HgfsEmptyReplyV1::Size);
+    HgfsReply reply = HgfsServerNewEmptyReply(HgfsRequestOp(packet));
     if (!reply) {
         return HgfsErrorNotEnoughMemory;
     }
     if (!HgfsServerCloseNode(session, HgfsPacketReader(packet).U32(HgfsHandleRequestV1::Handle))) {
         return HgfsErrorInternal;
     }
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+    return HgfsServerFinish(session, packet, std::move(reply));
 }

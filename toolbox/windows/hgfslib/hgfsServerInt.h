@@ -334,6 +334,48 @@ uint32_t HgfsServerResolveName(const HgfsRequestName& name, HgfsShareInfo* info)
 // HgfsServerResolveName for an operation that changes the file system.
 uint32_t HgfsServerResolveForChange(const HgfsRequestName& name, HgfsShareInfo* info);
 
+// Queues a reply of success; without one the request fails for lack of memory.
+uint32_t HgfsServerFinish(HgfsSession* session, std::span<const uint8_t> packet, HgfsReply reply);
+
+// The reply of an operation that has nothing to tell.
+HgfsReply HgfsServerNewEmptyReply(HgfsOp op);
+
+// ---- Requests about a file that is named or open (hgfsServerName.cpp) ----
+
+// Where a request says which file it means; mask 0 for a version that has neither mask nor handle.
+struct HgfsTargetLayout {
+    size_t mask;
+    size_t handle;
+    size_t name;
+};
+HgfsTargetLayout HgfsServerTargetLayout(HgfsOp op); // of get attributes and the deletes
+
+struct HgfsTarget {
+    bool byHandle = false;
+    uint32_t handle = 0;
+    std::string path; // of an open file, the one it was opened by
+    bool readAllowed = false;
+    bool writeAllowed = false;
+};
+
+// `behind` and `next` as for HgfsServerReadName: the name block has to be well formed even when the handle
+// counts.
+uint32_t HgfsServerReadTarget(HgfsPacketReader* reader, const HgfsTargetLayout& layout, HgfsSession* session,
+                              HgfsTarget* target, size_t behind = 0, size_t* next = nullptr);
+
+// ---- Attributes (hgfsServerAttr.cpp) ----
+
+uint32_t HgfsServerWindowsAttributes(uint64_t attributes);
+
+// The reply of get attributes and of search read: a block, zeros when `info` is null, and, except in version
+// 1 of get attributes, a name.
+HgfsReply HgfsServerNewAttributesReply(HgfsOp op, const HgfsFileInfo* info, std::string_view name);
+
+// ---- Directories (hgfsServerSearch.cpp) ----
+
+// The names in a directory as the file system spells them, "." and ".." first. Throws std::bad_alloc.
+uint32_t HgfsServerGetDents(const std::string& directory, std::vector<std::string>* entries);
+
 // ---- Open (hgfsServerOpen.cpp) ----
 
 // The fields of all versions in one form.

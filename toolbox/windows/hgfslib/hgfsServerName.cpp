@@ -1,79 +1,9 @@
-// Handlers that work on names: attributes, directories, deleting and renaming, volumes.
+// Handlers that work on names: directories, deleting and renaming, volumes.
 #include "hgfslib/hgfsServerInt.h"
 
 #include <algorithm>
 
-namespace {
-
-// ---- Attribute blocks ----
-
-uint32_t TypeOf(const HgfsFileInfo& info) {
-    return (info.attributes & kHgfsFileDirectory) && !info.isLink ? kHgfsTypeDirectory : kHgfsTypeRegular;
-}
-
-// Windows has one answer for all classes of users: everything may be read and entered, and written unless the
-// file is read-only.
-uint8_t PermissionsOf(const HgfsFileInfo& info) {
-    return static_cast<uint8_t>(kHgfsPermRead | kHgfsPermExecute |
-                                ((info.attributes & kHgfsFileReadOnly) ? 0 : kHgfsPermWrite));
-}
-
-void WriteAttributesV1(HgfsPacketWriter* writer, size_t at, const HgfsFileInfo& info) {
-    writer->U32(at + HgfsAttrV1::Type, TypeOf(info));
-    writer->U64(at + HgfsAttrV1::FileSize, info.size);
-    writer->U64(at + HgfsAttrV1::CreationTime, info.creationTime);
-    writer->U64(at + HgfsAttrV1::AccessTime, info.accessTime);
-    writer->U64(at + HgfsAttrV1::WriteTime, info.writeTime);
-    writer->U64(at + HgfsAttrV1::ChangeTime, info.changeTime);
-    writer->U8(at + HgfsAttrV1::Permissions, PermissionsOf(info));
-}
-
-constexpr uint64_t kReportedFields = kHgfsBlockType | kHgfsBlockSize | kHgfsBlockCreation | kHgfsBlockAccess |
-                                     kHgfsBlockWrite | kHgfsBlockChange | kHgfsBlockOwnerPerms |
-                                     kHgfsBlockGroupPerms | kHgfsBlockOtherPerms | kHgfsBlockAttributes |
-                                     kHgfsBlockAllocationSize | kHgfsBlockFileId | kHgfsBlockVolumeId |
-                                     kHgfsBlockEffectivePerms;
-
-void WriteAttributesV2(HgfsPacketWriter* writer, size_t at, const HgfsFileInfo& info) {
-    const uint8_t permissions = PermissionsOf(info);
-    writer->U64(at + HgfsAttrV2::Mask, kReportedFields);
-    writer->U32(at + HgfsAttrV2::Type, TypeOf(info));
-    writer->U64(at + HgfsAttrV2::FileSize, info.size);
-    writer->U64(at + HgfsAttrV2::CreationTime, info.creationTime);
-    writer->U64(at + HgfsAttrV2::AccessTime, info.accessTime);
-    writer->U64(at + HgfsAttrV2::WriteTime, info.writeTime);
-    writer->U64(at + HgfsAttrV2::ChangeTime, info.changeTime);
-    writer->U8(at + HgfsAttrV2::OwnerPerms, permissions);
-    writer->U8(at + HgfsAttrV2::GroupPerms, permissions);
-    writer->U8(at + HgfsAttrV2::OtherPerms, permissions);
-    writer->U64(at + HgfsAttrV2::Attributes,
-                ((info.attributes & kHgfsFileHidden) ? kHgfsAttrHidden : 0) |
-                    ((info.attributes & kHgfsFileSystem) ? kHgfsAttrSystem : 0) |
-                    ((info.attributes & kHgfsFileArchive) ? kHgfsAttrArchive : 0) |
-                    (info.hasMoreStreams ? kHgfsAttrMoreStreams : 0));
-    writer->U64(at + HgfsAttrV2::AllocationSize, info.allocationSize);
-    writer->U64(at + HgfsAttrV2::FileId, info.id.index);
-    writer->U32(at + HgfsAttrV2::VolumeId, static_cast<uint32_t>(info.id.volume));
-    writer->U32(at + HgfsAttrV2::EffectivePerms, permissions);
-}
-
-// ---- Requests that name a file or give the handle of an open one ----
-
-// What such a request is about. The local name of an open file is the node's.
-struct Target {
-    bool byHandle = false;
-    uint32_t handle = 0;
-    std::string path;
-    bool writeAllowed = true;
-};
-
-struct FileLayout {
-    size_t mask; // 0: the version has neither mask nor handle
-    size_t handle;
-    size_t name;
-};
-
-FileLayout FileLayoutOf(HgfsOp op) {
+HgfsTargetLayout HgfsServerTargetLayout(HgfsOp op) {
     switch (kHgfsOps[op].version) {
     case 1:
         return {0, 0, HgfsNameRequestV1::Name};
@@ -84,101 +14,115 @@ FileLayout FileLayoutOf(HgfsOp op) {
     }
 }
 
-// Reads a target; `next` and `behind` as for HgfsServerReadName, which is called even when the handle counts.
-uint32_t ReadTarget(HgfsPacketReader* reader, HgfsOp op, const FileLayout& layout, HgfsSession* session,
-                    Target* target, size_t behind = 0, size_t* next = nullptr) {
+uint32_t HgfsServerReadTarget(HgfsPacketReader* reader, const HgfsTargetLayout& layout, HgfsSession* session,
+                              HgfsTarget* target, size_t behind, size_t* next) {
+    const HgfsOp op = static_cast<HgfsOp>(reader->U32(HgfsRequestHeader::Op));
     HgfsRequestName name;
     uint32_t error = HgfsServerReadName(reader, layout.name, kHgfsOps[op].version, &name, behind, next);
     if (error != HgfsErrorNone) {
         return error;
     }
     if (layout.mask != 0 && (reader->U64(layout.mask) & kHgfsMaskHandle)) {
-        target->byHandle = true;
-        target->handle = reader->U32(layout.handle);
         HgfsNodeFields fields;
-        error = HgfsServerGetNodeFields(session, target->handle, &fields);
-        target->path = std::move(fields.localName);
-        target->writeAllowed = fields.shareWrite;
+        const uint32_t handle = reader->U32(layout.handle);
+        error = HgfsServerGetNodeFields(session, handle, &fields);
+        *target = {true, handle, std::move(fields.localName), fields.shareRead, fields.shareWrite};
         return error;
     }
     HgfsShareInfo share;
     error = HgfsServerResolveName(name, &share);
-    target->path = std::move(share.path);
-    target->writeAllowed = share.writeAllowed;
+    *target = {false, 0, std::move(share.path), share.readAllowed, share.writeAllowed};
     return error;
 }
 
-uint32_t GetInfo(HgfsSession* session, const Target& target, HgfsFileInfo* info) {
+namespace {
+
+// Hidden and the like can only be given to a directory that is there already.
+uint32_t CreateDirectory(const std::string& path, uint32_t attributes) {
     const HgfsPlatform& platform = *hgfsServer.platform;
-    if (!target.byHandle) {
-        return platform.getInfo(target.path, info);
+    uint32_t error = platform.createDirectory(path);
+    if (error != HgfsErrorNone || attributes == 0) {
+        return error;
     }
-    HgfsOpenFile file;
-    uint32_t error = HgfsServerGetFile(session, target.handle, &file);
-    return error != HgfsErrorNone ? error : platform.getInfoByHandle(file.osHandle, info);
+    HgfsFileChange change{};
+    change.setAttributes = true;
+    change.attributes = attributes;
+    error = platform.change(path, change);
+    if (error != HgfsErrorNone) {
+        platform.deleteDirectory(path);
+    }
+    return error;
 }
 
-// The reply of an operation that has nothing to tell.
-HgfsReply NewEmptyReply(HgfsOp op) {
-    return HgfsServerNewReply(kHgfsOps[op].version == 3 ? HgfsEmptyReplyV3::Size : HgfsEmptyReplyV1::Size);
+uint32_t DirectoryAttributes(HgfsPacketReader* reader, HgfsOp op) {
+    using Request = HgfsCreateDirRequestV3;
+    const bool given = op == HgfsOpCreateDirV3 && (reader->U64(Request::Mask) & kHgfsMaskAttributes);
+    return given ? HgfsServerWindowsAttributes(reader->U64(Request::Attributes)) : 0;
 }
 
-HgfsReply NewAttributesReply(HgfsOp op, const HgfsFileInfo& info) {
-    const std::string& link = info.linkTarget;
-    HgfsReply reply;
-    switch (kHgfsOps[op].version) {
-    case 1:
-        reply = HgfsServerNewReply(HgfsGetattrReplyV1::Size);
-        break;
-    case 2:
-        reply = HgfsServerNewReply(HgfsGetattrReplyV2::Size + link.size());
-        break;
-    default:
-        reply = HgfsServerNewReply(HgfsGetattrReplyV3::Size + link.size());
-        break;
-    }
-    if (!reply) {
-        return reply;
-    }
-    HgfsPacketWriter writer({reply.bytes.get(), reply.size});
-    switch (kHgfsOps[op].version) {
-    case 1:
-        WriteAttributesV1(&writer, HgfsGetattrReplyV1::Attributes, info);
-        break;
-    case 2:
-        WriteAttributesV2(&writer, HgfsGetattrReplyV2::Attributes, info);
-        writer.U32(HgfsGetattrReplyV2::Name + HgfsNameV1::Length, static_cast<uint32_t>(link.size()));
-        writer.Bytes(HgfsGetattrReplyV2::Name + HgfsNameV1::Bytes, link);
-        break;
-    default:
-        WriteAttributesV2(&writer, HgfsGetattrReplyV3::Attributes, info);
-        writer.U32(HgfsGetattrReplyV3::Name + HgfsNameV3::Length, static_cast<uint32_t>(link.size()));
-        writer.Bytes(HgfsGetattrReplyV3::Name + HgfsNameV3::Bytes, link);
-        break;
-    }
-    return reply;
-}
-
-} // namespace
-
-uint32_t HgfsServerGetattr(std::span<const uint8_t> packet, HgfsSession* session) {
+uint32_t Delete(std::span<const uint8_t> packet, HgfsSession* session,
+                uint32_t (*call)(const std::string& path)) {
     HgfsPacketReader reader(packet);
     const HgfsOp op = HgfsRequestOp(packet);
-    Target target;
-    HgfsFileInfo info{};
-    uint32_t error = ReadTarget(&reader, op, FileLayoutOf(op), session, &target);
-    if (error == HgfsErrorNone) {
-        error = GetInfo(session, target, &info);
-    }
+    HgfsTarget target;
+    uint32_t error = HgfsServerReadTarget(&reader, HgfsServerTargetLayout(op), session, &target);
     if (error != HgfsErrorNone) {
         return error;
     }
-    HgfsReply reply = NewAttributesReply(op, info);
+    if (!target.writeAllowed) {
+        return HgfsErrorAccessDenied;
+    }
+    HgfsReply reply = HgfsServerNewEmptyReply(op);
     if (!reply) {
         return HgfsErrorNotEnoughMemory;
     }
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+    error = call(target.path);
+    return error != HgfsErrorNone ? error : HgfsServerFinish(session, packet, std::move(reply));
 }
+
+HgfsTargetLayout RenameLayout(HgfsOp op) {
+    static_assert(HgfsRenameRequestV2::OldName == HgfsRenameRequestV3::OldName);
+    if (kHgfsOps[op].version == 1) {
+        return {0, 0, HgfsRenameRequestV1::OldName};
+    }
+    return {HgfsRenameRequestV2::Mask, HgfsRenameRequestV2::Handle, HgfsRenameRequestV2::OldName};
+}
+
+struct Space {
+    uint64_t freeBytes;
+    uint64_t totalBytes;
+};
+
+uint32_t SpaceOf(const std::string& path, Space* space) {
+    uint32_t error = hgfsServer.platform->getVolumeSpace(path, &space->freeBytes, &space->totalBytes);
+    return error == HgfsErrorNone ? HgfsErrorNone : HgfsErrorIoDevice;
+}
+
+// The volume with the least free space, of those that can be asked.
+uint32_t LeastSpace(Space* least) {
+    std::vector<std::string> roots;
+    uint32_t error = hgfsServer.platform->listVolumes(&roots);
+    if (error != HgfsErrorNone) {
+        return error;
+    }
+    bool any = false;
+    for (const std::string& root : roots) {
+        Space space;
+        if (SpaceOf(root, &space) == HgfsErrorNone && (!any || space.freeBytes < least->freeBytes)) {
+            *least = space;
+            any = true;
+        }
+    }
+    return any ? HgfsErrorNone : HgfsErrorIoDevice;
+}
+
+// Whether a name stops before it says which volume it means.
+bool MeansAllVolumes(HgfsNameStatus status) {
+    return status == HgfsNameIncompleteBase || status == HgfsNameIncompleteRoot ||
+           status == HgfsNameIncompleteDrive;
+}
+
+} // namespace
 
 uint32_t HgfsServerCreateDir(std::span<const uint8_t> packet, HgfsSession* session) {
     HgfsPacketReader reader(packet);
@@ -188,53 +132,96 @@ uint32_t HgfsServerCreateDir(std::span<const uint8_t> packet, HgfsSession* sessi
                           : version == 2 ? HgfsCreateDirRequestV2::Name
                                          : HgfsCreateDirRequestV3::Name;
     HgfsRequestName name;
-    uint32_t error = HgfsServerReadName(&reader, nameAt, version, &name);
     HgfsShareInfo share;
+    uint32_t error = HgfsServerReadName(&reader, nameAt, version, &name);
     if (error == HgfsErrorNone) {
         error = HgfsServerResolveForChange(name, &share);
     }
     if (error != HgfsErrorNone) {
         return error;
     }
-    HgfsReply reply = NewEmptyReply(op);
+    HgfsReply reply = HgfsServerNewEmptyReply(op);
     if (!reply) {
         return HgfsErrorNotEnoughMemory;
     }
-    error = hgfsServer.platform->createDirectory(share.path);
-    if (error != HgfsErrorNone) {
-        return error;
-    }
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
+    error = CreateDirectory(share.path, DirectoryAttributes(&reader, op));
+    return error != HgfsErrorNone ? error : HgfsServerFinish(session, packet, std::move(reply));
 }
-
-namespace {
-
-using DeleteCall = uint32_t (*)(const std::string& path);
-
-uint32_t Delete(std::span<const uint8_t> packet, HgfsSession* session, DeleteCall call) {
-    HgfsPacketReader reader(packet);
-    const HgfsOp op = HgfsRequestOp(packet);
-    Target target;
-    uint32_t error = ReadTarget(&reader, op, FileLayoutOf(op), session, &target);
-    if (error != HgfsErrorNone) {
-        return error;
-    }
-    if (!target.writeAllowed) {
-        return HgfsErrorAccessDenied;
-    }
-    HgfsReply reply = NewEmptyReply(op);
-    if (!reply) {
-        return HgfsErrorNotEnoughMemory;
-    }
-    error = call(target.path);
-    if (error != HgfsErrorNone) {
-        return error;
-    }
-    return HgfsServer_QueueReply(session, HgfsRequestId(packet), HgfsErrorNone, std::move(reply));
-}
-
-} // namespace
 
 uint32_t HgfsServerDeleteFile(std::span<const uint8_t> packet, HgfsSession* session) {
     return Delete(packet, session, hgfsServer.platform->deleteFile);
+}
+
+uint32_t HgfsServerDeleteDir(std::span<const uint8_t> packet, HgfsSession* session) {
+    return Delete(packet, session, hgfsServer.platform->deleteDirectory);
+}
+
+uint32_t HgfsServerRename(std::span<const uint8_t> packet, HgfsSession* session) {
+    HgfsPacketReader reader(packet);
+    const HgfsOp op = HgfsRequestOp(packet);
+    const uint32_t version = kHgfsOps[op].version;
+    const size_t emptyName = version == 3 ? HgfsNameV3::EmptySize : HgfsNameV1::EmptySize;
+    HgfsTarget from;
+    HgfsRequestName newName;
+    HgfsShareInfo to;
+    size_t newNameAt = 0;
+    uint32_t error = HgfsServerReadTarget(&reader, RenameLayout(op), session, &from, emptyName, &newNameAt);
+    if (error == HgfsErrorNone) {
+        error = HgfsServerReadName(&reader, newNameAt, version, &newName);
+    }
+    if (error == HgfsErrorNone) {
+        error = HgfsServerResolveForChange(newName, &to);
+    }
+    if (error == HgfsErrorNone && !from.writeAllowed) {
+        error = HgfsErrorAccessDenied;
+    }
+    if (error != HgfsErrorNone) {
+        return error;
+    }
+    HgfsReply reply = HgfsServerNewEmptyReply(op);
+    if (!reply) {
+        return HgfsErrorNotEnoughMemory;
+    }
+    error = hgfsServer.platform->rename(from.path, to.path);
+    if (error != HgfsErrorNone) {
+        return error;
+    }
+    HgfsServerRenameNodes(session, from.path, to.path);
+    return HgfsServerFinish(session, packet, std::move(reply));
+}
+
+uint32_t HgfsServerQueryVolume(std::span<const uint8_t> packet, HgfsSession* session) {
+    HgfsPacketReader reader(packet);
+    const uint32_t version = kHgfsOps[HgfsRequestOp(packet)].version;
+    HgfsRequestName name;
+    uint32_t error = HgfsServerReadName(
+        &reader, version == 3 ? HgfsNameRequestV3::Name : HgfsNameRequestV1::Name, version, &name);
+    if (error != HgfsErrorNone) {
+        return error;
+    }
+    HgfsShareInfo share;
+    Space space{};
+    HgfsNameStatus status = HgfsServerGetShareInfo(name.bytes, name.caseType, &share);
+    if (MeansAllVolumes(status)) {
+        error = LeastSpace(&space);
+    } else {
+        error = HgfsServer_MapNameStatus(status);
+        if (error == HgfsErrorNone) {
+            error = HgfsServerCheckPath(share.path);
+        }
+        if (error == HgfsErrorNone) {
+            error = SpaceOf(share.path, &space);
+        }
+    }
+    if (error != HgfsErrorNone) {
+        return error;
+    }
+    HgfsReply reply =
+        HgfsServerNewReply(version == 3 ? HgfsQueryVolumeReplyV3::Size : HgfsQueryVolumeReplyV1::Size);
+    if (reply) {
+        HgfsPacketWriter writer({reply.bytes.get(), reply.size});
+        writer.U64(HgfsQueryVolumeReplyV1::FreeBytes, space.freeBytes);
+        writer.U64(HgfsQueryVolumeReplyV1::TotalBytes, space.totalBytes);
+    }
+    return HgfsServerFinish(session, packet, std::move(reply));
 }

@@ -37,9 +37,7 @@ uint32_t PlanAttributes(const HgfsOpenRequest& request) {
         attributes |= kHgfsFileReadOnly;
     }
     if (request.mask & kHgfsMaskAttributes) {
-        attributes |= (request.attributes & kHgfsAttrHidden) ? kHgfsFileHidden : 0;
-        attributes |= (request.attributes & kHgfsAttrSystem) ? kHgfsFileSystem : 0;
-        attributes |= (request.attributes & kHgfsAttrArchive) ? kHgfsFileArchive : 0;
+        attributes |= HgfsServerWindowsAttributes(request.attributes);
     }
     return attributes;
 }

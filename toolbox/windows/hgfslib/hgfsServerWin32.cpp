@@ -347,10 +347,37 @@ uint32_t OpenQuietly(const std::string& path, DWORD access, DWORD extraFlags, Fi
     return *file ? ERROR_SUCCESS : LastError();
 }
 
+// Where a link leads, empty for a reparse point that is no link.
+std::string LinkTarget(HANDLE handle) {
+    alignas(8) uint8_t buffer[MAXIMUM_REPARSE_DATA_BUFFER_SIZE];
+    DWORD filled = 0;
+    if (!DeviceIoControl(handle, FSCTL_GET_REPARSE_POINT, nullptr, 0, buffer, sizeof buffer, &filled,
+                         nullptr)) {
+        return {};
+    }
+    const std::u16string target = HgfsNative_LinkTarget({buffer, filled});
+    return Unicode_FromWide(std::wstring(target.begin(), target.end())).value_or(std::string());
+}
+
 uint32_t GetInfo(const std::string& path, HgfsFileInfo* info) {
     FileHandle file;
-    uint32_t error = OpenQuietly(path, FILE_READ_ATTRIBUTES, 0, &file);
-    return error != ERROR_SUCCESS ? error : GetInfoByHandle(file.Get(), info);
+    uint32_t error = OpenQuietly(path, FILE_READ_ATTRIBUTES, FILE_FLAG_OPEN_REPARSE_POINT, &file);
+    if (error == ERROR_SUCCESS) {
+        error = GetInfoByHandle(file.Get(), info);
+    }
+    if (error != ERROR_SUCCESS || !(info->attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+        return error;
+    }
+    std::string target = LinkTarget(file.Get());
+    if (!target.empty()) {
+        FileHandle followed;
+        if (OpenQuietly(path, FILE_READ_ATTRIBUTES, 0, &followed) == ERROR_SUCCESS) {
+            GetInfoByHandle(followed.Get(), info);
+        }
+        info->isLink = true;
+        info->linkTarget = std::move(target);
+    }
+    return ERROR_SUCCESS;
 }
 
 uint32_t GetAttributes(const std::string& path, uint32_t* attributes) {
