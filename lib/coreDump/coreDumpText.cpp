@@ -81,7 +81,7 @@ bool CoreDumpDefers(uint32_t mode, bool (*debuggerAttached)()) {
     return mode != NEVER && (mode != IF_ATTACHED || debuggerAttached());
 }
 
-void CoreDumpFormatLine(CoreDumpLine* line, const char* format, va_list arguments) {
+void CoreDumpVFormatLine(CoreDumpLine* line, const char* format, va_list arguments) {
     char* text = line->data();
     text[0] = '\0';
 #ifdef _WIN32
@@ -97,6 +97,13 @@ void CoreDumpFormatLine(CoreDumpLine* line, const char* format, va_list argument
     length = std::min(length, line->size() - 2);
     text[length] = '\n';
     text[length + 1] = '\0';
+}
+
+void CoreDumpFormatLine(CoreDumpLine* line, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    CoreDumpVFormatLine(line, format, arguments);
+    va_end(arguments);
 }
 
 std::string CoreDumpModulePart(const std::string& file, uint64_t base, uint32_t section, uint32_t offset) {

@@ -55,7 +55,8 @@ bool CoreDumpDefers(uint32_t mode, bool (*debuggerAttached)());
 // One line of a backtrace. A longer one is cut, so that it still ends in its "\n".
 inline constexpr size_t COREDUMP_LINE_SIZE = 509; // 507 bytes, "\n" and a terminator
 using CoreDumpLine = std::array<char, COREDUMP_LINE_SIZE>;
-void CoreDumpFormatLine(CoreDumpLine* line, const char* format, va_list arguments) DIAG_PRINTF(2, 0);
+void CoreDumpVFormatLine(CoreDumpLine* line, const char* format, va_list arguments) DIAG_PRINTF(2, 0);
+void CoreDumpFormatLine(CoreDumpLine* line, const char* format, ...) DIAG_PRINTF(2, 3);
 
 struct CoreDumpSymbol {
     std::string name; // UTF-8
@@ -75,7 +76,7 @@ std::string CoreDumpDescribeAddress(const std::optional<CoreDumpSymbol>& symbol,
 inline constexpr size_t COREDUMP_NAMES = 5;
 using CoreDumpNames = std::array<std::string, COREDUMP_NAMES>;
 
-// The file's name without folder and extension; the whole path when it has none of either. Characters that no
+// The file's name without folder and extension; the whole path when it lacks one of them. Characters that no
 // file name may hold become "_".
 std::string CoreDumpProgramName(std::string_view modulePath);
 

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
+#include <cstring>
 #include <new>
 
 #include <shlobj.h>
@@ -162,7 +162,7 @@ void LogBacktraceLine(void* /*argument*/, const char* format, ...) {
     CoreDumpLine line;
     va_list arguments;
     va_start(arguments, format);
-    CoreDumpFormatLine(&line, format, arguments);
+    CoreDumpVFormatLine(&line, format, arguments);
     va_end(arguments);
     Log_Error("%s", line.data());
 }
@@ -178,8 +178,17 @@ void WithoutMemoryFailure(Part part) {
     }
 }
 
+// Straight to the handle: the C runtime's stream may be locked, or be what broke.
+void WriteVerdict(uint32_t code) {
+    CoreDumpLine line;
+    CoreDumpFormatLine(&line, "Exception %#010x %s has occurred.\n", code, CoreDumpExceptionName(code));
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), line.data(), static_cast<DWORD>(strlen(line.data())), &written,
+              nullptr);
+}
+
 void WriteReport(EXCEPTION_POINTERS* pointers, bool dump) {
-    WarnException(*pointers);
+    WithoutMemoryFailure([pointers] { WarnException(*pointers); });
     if (dump) {
         WithoutMemoryFailure([pointers] { CoreDump_CoreDump(pointers); });
     }
@@ -190,8 +199,7 @@ void WriteReport(EXCEPTION_POINTERS* pointers, bool dump) {
         Log_Error("Warning: the system was unable to load a page of memory; this can be caused by network "
                   "problems or a failing hard disk drive.\n\n");
     }
-    fprintf(stderr, "Exception %#010x %s has occurred.\n", code, CoreDumpExceptionName(code));
-    fflush(stderr);
+    WriteVerdict(code);
 }
 
 // Makes a stack overflow come early enough for its report. A failure costs that report and nothing else.
