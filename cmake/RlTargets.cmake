@@ -65,3 +65,15 @@ function(rl_fuzz name)
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   set_target_properties(fuzz_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
 endfunction()
+
+# rl_bench(name [SOURCES ...] [LINKS ...]): one program for ./bench, bench_<name>; scripts/run-bench.py says what it
+# has to write.
+function(rl_bench name)
+  cmake_parse_arguments(A "" "" "SOURCES;LINKS" ${ARGN})
+  if(NOT RL_BENCH)
+    return()
+  endif()
+  add_executable(bench_${name} ${A_SOURCES})
+  target_link_libraries(bench_${name} PRIVATE rl_flags test_support ${A_LINKS})
+  set_target_properties(bench_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bench)
+endfunction()
