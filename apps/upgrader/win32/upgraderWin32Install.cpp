@@ -94,15 +94,7 @@ Module LoadSystemLibrary(const wchar_t* name) {
     return Module(LoadLibraryW((std::wstring(directory, length) + L"\\" + name).c_str()));
 }
 
-// The way to the person at the console when we run in a session of our own, as services do.
-struct ConsoleSession {
-    DWORD(WINAPI* activeSession)();
-    BOOL(WINAPI* sendMessage)
-    (HANDLE server, DWORD session, wchar_t* title, DWORD titleBytes, wchar_t* message, DWORD messageBytes,
-     DWORD style, DWORD seconds, DWORD* answer, BOOL wait);
-};
-
-RebootAnswer AskConsoleSession(const ConsoleSession& console, RebootPrompt prompt) {
+RebootAnswer AskConsoleSession(const UpgraderConsoleSession& console, RebootPrompt prompt) {
     constexpr HANDLE THIS_SERVER = nullptr;
     DWORD answer = 0;
     DWORD session = console.activeSession();
@@ -137,6 +129,7 @@ RebootAnswer AskHere(const RebootPrompt& prompt) {
         return RebootAnswer::NotAsked;
     }
     int answer = MessageBoxW(nullptr, prompt.message.c_str(), prompt.title.c_str(), PROMPT_STYLE);
+    DWORD error = GetLastError();
     if (!KillTimer(nullptr, timer)) {
         Warning("Failed to cancel reboot timer.\n");
     }
@@ -145,7 +138,8 @@ RebootAnswer AskHere(const RebootPrompt& prompt) {
         PeekMessageW(&quit, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE);
         return RebootAnswer::Silence;
     }
-    if (answer == 0) {
+    if (answer != IDYES && answer != IDNO) {
+        Log_Level(LOG_ALWAYS, "Could not show the reboot question, error %u", static_cast<unsigned>(error));
         return RebootAnswer::NotAsked;
     }
     return answer == IDYES ? RebootAnswer::Yes : RebootAnswer::No;
@@ -209,18 +203,23 @@ bool UpgraderLaunchInstaller(UpgraderData* data) {
     return true;
 }
 
-bool UpgraderAskForReboot() {
+bool UpgraderAskForRebootOn(const UpgraderConsoleSession& console) {
     RebootPrompt prompt{LoadText(IDS_REBOOT_MESSAGE), LoadText(IDS_REBOOT_TITLE)};
-    ConsoleSession console{};
+    bool onConsole = console.activeSession && console.sendMessage;
+    RebootAnswer answer = onConsole ? AskConsoleSession(console, prompt) : AskHere(prompt);
+    Log_Level(LOG_DETAIL, "Reboot now: %s", DescribeAnswer(answer));
+    return answer == RebootAnswer::Yes || answer == RebootAnswer::Silence;
+}
+
+bool UpgraderAskForReboot() {
+    UpgraderConsoleSession console;
     console.activeSession = Win32_GetProc<decltype(console.activeSession)>(GetModuleHandleW(L"kernel32.dll"),
                                                                            "WTSGetActiveConsoleSessionId");
     Module wts = console.activeSession ? LoadSystemLibrary(L"wtsapi32.dll") : Module();
     if (wts) {
         console.sendMessage = Win32_GetProc<decltype(console.sendMessage)>(wts.Get(), "WTSSendMessageW");
     }
-    RebootAnswer answer = console.sendMessage ? AskConsoleSession(console, prompt) : AskHere(prompt);
-    Log_Level(LOG_DETAIL, "Reboot now: %s", DescribeAnswer(answer));
-    return answer == RebootAnswer::Yes || answer == RebootAnswer::Silence;
+    return UpgraderAskForRebootOn(console);
 }
 
 bool UpgraderInstallerFinished(UpgraderData* data) {
