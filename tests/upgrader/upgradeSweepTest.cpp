@@ -37,17 +37,6 @@ void PassOnDebug() {
     }
 }
 
-// Where the guest believes its temporary directory to be.
-#ifdef _WIN32
-std::string TemporaryDirectory() {
-    return File_GetTmpDir(false).value_or("");
-}
-#else
-std::string TemporaryDirectory() {
-    return "C:\\Temp"; // a directory "C:" in the test's working directory
-}
-#endif
-
 } // namespace
 
 // --- What the platform does, without waits and windows
@@ -55,7 +44,7 @@ std::string TemporaryDirectory() {
 
 #ifndef _WIN32
 std::optional<std::string> File_GetTmpDir(bool /*useConfig*/) {
-    return TemporaryDirectory();
+    return "C:\\Temp"; // a directory "C:" in the test's working directory
 }
 int File_UnlinkDelayed(const char* /*name*/) {
     return 0;

@@ -383,6 +383,9 @@ TEST_F(UpgraderTest, TheEndTellsTheHostAndThePowerGoesLast) {
 TEST_F(UpgraderTest, TheLoopDrivesTheLaterStepsAndSaysWhyItEnds) {
     UpgraderData* data = Init();
     ASSERT_TRUE(data);
+    static uint32_t now;
+    now = eventManagerTickSource();
+    auto saved = std::exchange(eventManagerTickSource, [] { return now += 10; });
     uint64_t sleep = 0;
     EXPECT_TRUE(UpgraderTurn(data, &sleep)) << "the first poll";
     EXPECT_FALSE(data->stepScheduled) << "nothing to do before the host's command";
@@ -409,6 +412,7 @@ TEST_F(UpgraderTest, TheLoopDrivesTheLaterStepsAndSaysWhyItEnds) {
     EXPECT_FALSE(UpgraderTurn(data, &sleep));
     EXPECT_EQ(DiagCapture_Take().debug.back(), "Unexpected end of the main loop (0)\n");
     UpgraderEnd(data);
+    eventManagerTickSource = saved;
 }
 
 TEST_F(UpgraderTest, CleanUpRemovesTheImageAndOnRequestTheProgram) {
