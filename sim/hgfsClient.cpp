@@ -1,11 +1,10 @@
 #include "sim/hgfsClient.h"
 
-#include "hgfslib/hgfsProto.h"
+#include "sim/hgfsPackets.h"
 #include "string/str.h"
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 namespace {
 
@@ -44,101 +43,59 @@ size_t ReadRoom(const HgfsClient& client) {
 // --- Requests
 // ------------------------------------------------------------------------------------------------
 
-// Room for a packet at the end of the message, its header filled in.
-HgfsPacketWriter NewPacket(HgfsClient* client, std::vector<uint8_t>* message, HgfsOp op, size_t size) {
-    size_t start = message->size();
-    message->resize(start + size);
-    HgfsPacketWriter packet(std::span<uint8_t>(*message).subspan(start));
-    client->requestOp = op;
-    packet.U32(HgfsRequestHeader::Id, ++client->requestId);
-    packet.U32(HgfsRequestHeader::Op, op);
+void AppendPacket(HgfsClient* client, HgfsPackets_Request request, std::vector<uint8_t>* message) {
+    client->requestOp = request.op;
+    client->requestSize = request.size;
+    request.id = ++client->requestId;
+    std::vector<uint8_t> packet = HgfsPackets_Encode(request);
+    message->insert(message->end(), packet.begin(), packet.end());
     ++client->requests;
-    return packet;
 }
 
-void AppendAttributes(HgfsClient* client, std::vector<uint8_t>* message) {
-    size_t size = HgfsNameRequestV1::MinimumSize + client->name.size();
-    HgfsPacketWriter packet = NewPacket(client, message, HgfsOpGetattr, size);
-    packet.U32(HgfsNameRequestV1::Name + HgfsNameV1::Length, static_cast<uint32_t>(client->name.size()));
-    packet.Bytes(HgfsNameRequestV1::Name + HgfsNameV1::Bytes, client->name);
+HgfsPackets_Request MakeRequest(const HgfsClient& client, HgfsOp first, HgfsOp third) {
+    HgfsPackets_Request request;
+    request.op = Large(client) ? third : first;
+    request.handle = client.handle;
+    request.offset = client.offset;
+    return request;
 }
 
-void AppendOpen(HgfsClient* client, std::vector<uint8_t>* message) {
-    bool copy = client->job == HgfsClient_Job::Copy;
-    uint32_t mode = copy ? kHgfsModeWrite : kHgfsModeRead;
-    uint32_t flags = copy ? kHgfsOpenCreateEmpty : kHgfsOpenExisting;
-    uint8_t permissions = kHgfsPermRead | kHgfsPermWrite;
-    auto length = static_cast<uint32_t>(client->name.size());
-    if (Large(*client)) {
-        using Layout = HgfsOpenRequestV3;
-        HgfsPacketWriter packet = NewPacket(client, message, HgfsOpOpenV3, Layout::MinimumSize + length);
-        packet.U64(Layout::Mask, kHgfsMaskOpenV1);
-        packet.U32(Layout::Mode, mode);
-        packet.U32(Layout::Flags, flags);
-        packet.U8(Layout::OwnerPerms, permissions);
-        packet.U32(Layout::Name + HgfsNameV3::Length, length);
-        packet.U32(Layout::Name + HgfsNameV3::CaseType, kHgfsCaseDefault);
-        packet.Bytes(Layout::Name + HgfsNameV3::Bytes, client->name);
-    } else {
-        using Layout = HgfsOpenRequestV1;
-        HgfsPacketWriter packet = NewPacket(client, message, HgfsOpOpen, Layout::MinimumSize + length);
-        packet.U32(Layout::Mode, mode);
-        packet.U32(Layout::Flags, flags);
-        packet.U8(Layout::Permissions, permissions);
-        packet.U32(Layout::Name + HgfsNameV1::Length, length);
-        packet.Bytes(Layout::Name + HgfsNameV1::Bytes, client->name);
-    }
+HgfsPackets_Request OpenRequest(const HgfsClient& client) {
+    bool copy = client.job == HgfsClient_Job::Copy;
+    HgfsPackets_Request request = MakeRequest(client, HgfsOpOpen, HgfsOpOpenV3);
+    request.mask = kHgfsMaskOpenV1;
+    request.mode = copy ? kHgfsModeWrite : kHgfsModeRead;
+    request.flags = copy ? kHgfsOpenCreateEmpty : kHgfsOpenExisting;
+    request.name = client.name;
+    return request;
 }
 
 bool AppendWrite(HgfsClient* client, std::vector<uint8_t>* message) {
-    size_t data = Large(*client) ? HgfsWriteRequestV3::Data : HgfsWriteRequestV1::Data;
     auto count = static_cast<size_t>(std::min<uint64_t>(WriteRoom(*client), client->limit - client->offset));
-    size_t start = message->size();
-    HgfsPacketWriter packet =
-        NewPacket(client, message, Large(*client) ? HgfsOpWriteV3 : HgfsOpWrite, data + count);
-    // The two versions differ in where the data begin, not in the fields before them.
-    packet.U32(HgfsWriteRequestV1::Handle, client->handle);
-    packet.U64(HgfsWriteRequestV1::Offset, client->offset);
-    packet.U32(HgfsWriteRequestV1::Size, static_cast<uint32_t>(count));
-    client->requestSize = static_cast<uint32_t>(count);
+    client->data.resize(count);
     const HgfsClient_Source& source = client->source;
-    if (!source.read(source.clientData, client->offset, message->data() + start + data, count)) {
+    if (!source.read(source.clientData, client->offset, client->data.data(), count)) {
         return Fail(client, "the image cannot be read");
     }
+    HgfsPackets_Request request = MakeRequest(*client, HgfsOpWrite, HgfsOpWriteV3);
+    request.size = static_cast<uint32_t>(count);
+    request.data = {reinterpret_cast<const char*>(client->data.data()), count};
+    AppendPacket(client, request, message);
     return true;
 }
 
 void AppendRead(HgfsClient* client, std::vector<uint8_t>* message) {
-    size_t size = Large(*client) ? HgfsReadRequestV3::MinimumSize : HgfsReadRequestV1::MinimumSize;
-    HgfsPacketWriter packet = NewPacket(client, message, Large(*client) ? HgfsOpReadV3 : HgfsOpRead, size);
-    packet.U32(HgfsReadRequestV1::Handle, client->handle);
-    packet.U64(HgfsReadRequestV1::Offset, client->offset);
-    client->requestSize = static_cast<uint32_t>(ReadRoom(*client));
-    packet.U32(HgfsReadRequestV1::Size, client->requestSize);
-}
-
-void AppendClose(HgfsClient* client, std::vector<uint8_t>* message) {
-    size_t size = Large(*client) ? HgfsHandleRequestV3::MinimumSize : HgfsHandleRequestV1::MinimumSize;
-    HgfsPacketWriter packet = NewPacket(client, message, Large(*client) ? HgfsOpCloseV3 : HgfsOpClose, size);
-    packet.U32(HgfsHandleRequestV1::Handle, client->handle);
+    HgfsPackets_Request request = MakeRequest(*client, HgfsOpRead, HgfsOpReadV3);
+    request.size = static_cast<uint32_t>(ReadRoom(*client));
+    AppendPacket(client, request, message);
 }
 
 // --- Replies
 // -------------------------------------------------------------------------------------------------
 
-bool CheckSize(HgfsClient* client, size_t size, size_t wanted) {
-    return size == wanted ||
-           Fail(client,
-                Str_Format("%s answered with %u bytes instead of %u", kHgfsOps[client->requestOp].name.data(),
-                           static_cast<unsigned>(size), static_cast<unsigned>(wanted)));
-}
-
-bool TakeAttributes(HgfsClient* client, HgfsPacketReader* reply) {
-    if (!CheckSize(client, reply->Size(), HgfsGetattrReplyV1::Size)) {
-        return false;
-    }
-    uint32_t type = reply->U32(HgfsGetattrReplyV1::Attributes + HgfsAttrV1::Type);
-    uint64_t size = reply->U64(HgfsGetattrReplyV1::Attributes + HgfsAttrV1::FileSize);
+bool TakeAttributes(HgfsClient* client, const HgfsPackets_Reply& reply) {
+    uint32_t type = reply.attributes.type;
+    uint64_t size = reply.attributes.size;
     if (type != kHgfsTypeRegular || size != client->source.size) {
         return Fail(client,
                     Str_Format("the copy has type %u and %" DIAG_I64 "u bytes instead of %" DIAG_I64 "u",
@@ -148,21 +105,15 @@ bool TakeAttributes(HgfsClient* client, HgfsPacketReader* reply) {
     return true;
 }
 
-bool TakeOpen(HgfsClient* client, HgfsPacketReader* reply) {
-    if (!CheckSize(client, reply->Size(), Large(*client) ? HgfsOpenReplyV3::Size : HgfsOpenReplyV1::Size)) {
-        return false;
-    }
-    client->handle = reply->U32(HgfsOpenReplyV1::Handle);
+bool TakeOpen(HgfsClient* client, const HgfsPackets_Reply& reply) {
+    client->handle = reply.handle;
     bool empty = client->job == HgfsClient_Job::Copy && client->limit == 0;
     client->state = !empty ? State::Transfer : client->source.size == 0 ? State::Close : State::Done;
     return true;
 }
 
-bool TakeWrite(HgfsClient* client, HgfsPacketReader* reply) {
-    if (!CheckSize(client, reply->Size(), Large(*client) ? HgfsWriteReplyV3::Size : HgfsWriteReplyV1::Size)) {
-        return false;
-    }
-    uint32_t written = reply->U32(HgfsWriteReplyV1::ActualSize);
+bool TakeWrite(HgfsClient* client, const HgfsPackets_Reply& reply) {
+    uint32_t written = reply.actualSize;
     if (written == 0 || written > client->requestSize) {
         return Fail(client,
                     Str_Format("%u of %u bytes written at %" DIAG_I64 "u", static_cast<unsigned>(written),
@@ -175,26 +126,23 @@ bool TakeWrite(HgfsClient* client, HgfsPacketReader* reply) {
     return true;
 }
 
-bool Compare(HgfsClient* client, std::span<const uint8_t> data) {
-    client->expected.resize(data.size());
+bool Compare(HgfsClient* client, const std::string& data) {
+    client->data.resize(data.size());
     const HgfsClient_Source& source = client->source;
-    if (!source.read(source.clientData, client->offset, client->expected.data(), data.size())) {
+    if (!source.read(source.clientData, client->offset, client->data.data(), data.size())) {
         return Fail(client, "the image cannot be read");
     }
-    auto [ours, theirs] = std::mismatch(client->expected.begin(), client->expected.end(), data.begin());
-    if (ours != client->expected.end()) {
-        uint64_t at = client->offset + static_cast<uint64_t>(ours - client->expected.begin());
+    auto same = [](uint8_t ours, char theirs) { return ours == static_cast<uint8_t>(theirs); };
+    auto ours = std::mismatch(client->data.begin(), client->data.end(), data.begin(), same).first;
+    if (ours != client->data.end()) {
+        uint64_t at = client->offset + static_cast<uint64_t>(ours - client->data.begin());
         return Fail(client, Str_Format("the copy differs from the image at byte %" DIAG_I64 "u", at));
     }
     return true;
 }
 
-bool TakeRead(HgfsClient* client, HgfsPacketReader* reply) {
-    size_t start = Large(*client) ? HgfsReadReplyV3::Data : HgfsReadReplyV1::Data;
-    uint32_t count = reply->U32(HgfsReadReplyV1::ActualSize);
-    if (!CheckSize(client, reply->Size(), start + count)) {
-        return false;
-    }
+bool TakeRead(HgfsClient* client, const HgfsPackets_Reply& reply) {
+    uint32_t count = reply.actualSize;
     uint64_t left = client->source.size - client->offset;
     if (count > left || (count == 0 && left != 0)) {
         return Fail(client, Str_Format("%u bytes read at %" DIAG_I64 "u of %" DIAG_I64 "u",
@@ -204,19 +152,10 @@ bool TakeRead(HgfsClient* client, HgfsPacketReader* reply) {
         client->state = State::Close;
         return true;
     }
-    if (!Compare(client, reply->Bytes(start, count))) {
+    if (!Compare(client, reply.data)) {
         return false;
     }
     client->offset += count;
-    return true;
-}
-
-bool TakeClose(HgfsClient* client, HgfsPacketReader* reply) {
-    size_t wanted = Large(*client) ? HgfsEmptyReplyV3::Size : HgfsEmptyReplyV1::Size;
-    if (!CheckSize(client, reply->Size(), wanted)) {
-        return false;
-    }
-    client->state = State::Done;
     return true;
 }
 
@@ -279,11 +218,15 @@ void HgfsClient_Begin(HgfsClient* client, HgfsClient_Job job, unsigned percent) 
 
 bool HgfsClient_Append(HgfsClient* client, std::vector<uint8_t>* message) {
     switch (client->state) {
-    case State::Attributes:
-        AppendAttributes(client, message);
+    case State::Attributes: {
+        HgfsPackets_Request request;
+        request.op = HgfsOpGetattr;
+        request.name = client->name;
+        AppendPacket(client, request, message);
         return true;
+    }
     case State::Open:
-        AppendOpen(client, message);
+        AppendPacket(client, OpenRequest(*client), message);
         return true;
     case State::Transfer:
         if (client->job == HgfsClient_Job::Copy) {
@@ -292,7 +235,7 @@ bool HgfsClient_Append(HgfsClient* client, std::vector<uint8_t>* message) {
         AppendRead(client, message);
         return true;
     case State::Close:
-        AppendClose(client, message);
+        AppendPacket(client, MakeRequest(*client, HgfsOpClose, HgfsOpCloseV3), message);
         return true;
     case State::Done:
     case State::Failed:
@@ -301,34 +244,36 @@ bool HgfsClient_Append(HgfsClient* client, std::vector<uint8_t>* message) {
     return false;
 }
 
-bool HgfsClient_Take(HgfsClient* client, std::span<const uint8_t> reply) {
-    HgfsPacketReader packet(reply);
-    uint32_t id = packet.U32(HgfsReplyHeader::Id);
-    uint32_t status = packet.U32(HgfsReplyHeader::Status);
-    if (!packet.Ok()) {
-        return Fail(client, Str_Format("a reply of %u bytes", static_cast<unsigned>(reply.size())));
+bool HgfsClient_Take(HgfsClient* client, std::span<const uint8_t> bytes) {
+    std::string operation(kHgfsOps[client->requestOp].name);
+    HgfsPackets_Reply reply;
+    if (!HgfsPackets_Decode(client->requestOp, bytes, &reply)) {
+        return Fail(client, operation + Str_Format(": a malformed reply of %u bytes",
+                                                   static_cast<unsigned>(bytes.size())));
     }
-    if (id != client->requestId) {
-        return Fail(client, Str_Format("a reply to request %u instead of %u", static_cast<unsigned>(id),
-                                       static_cast<unsigned>(client->requestId)));
+    if (reply.id != client->requestId) {
+        return Fail(client, operation + Str_Format(": a reply to request %u instead of %u",
+                                                   static_cast<unsigned>(reply.id),
+                                                   static_cast<unsigned>(client->requestId)));
     }
-    if (status != HgfsStatusSuccess) {
-        return Fail(client, std::string(kHgfsOps[client->requestOp].name) + " failed: " + StatusName(status));
+    if (reply.status != HgfsStatusSuccess) {
+        return Fail(client, operation + " failed: " + StatusName(reply.status));
     }
     switch (client->state) {
     case State::Attributes:
-        return TakeAttributes(client, &packet);
+        return TakeAttributes(client, reply);
     case State::Open:
-        return TakeOpen(client, &packet);
+        return TakeOpen(client, reply);
     case State::Transfer:
-        return client->job == HgfsClient_Job::Copy ? TakeWrite(client, &packet) : TakeRead(client, &packet);
+        return client->job == HgfsClient_Job::Copy ? TakeWrite(client, reply) : TakeRead(client, reply);
     case State::Close:
-        return TakeClose(client, &packet);
+        client->state = State::Done;
+        return true;
     case State::Done:
     case State::Failed:
         break;
     }
-    return Fail(client, "a reply without a request");
+    return Fail(client, operation + ": a reply without a request");
 }
 
 std::string HgfsClient_DescribeRequest(std::span<const uint8_t> bytes) {

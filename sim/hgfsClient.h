@@ -5,6 +5,8 @@
 // packet.
 #pragma once
 
+#include "hgfslib/hgfsProto.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -38,11 +40,11 @@ struct HgfsClient {
     uint64_t offset = 0; // bytes copied or compared so far
     uint32_t handle = 0;
     uint32_t requestId = 0; // of the request that is out
-    uint32_t requestOp = 0;
-    uint32_t requestSize = 0;      // bytes asked to be read or written
-    uint64_t requests = 0;         // packets made for this job
-    std::vector<uint8_t> expected; // scratch of Verify
-    std::string error;             // set in state Failed
+    HgfsOp requestOp = HgfsOpOpen;
+    uint32_t requestSize = 0;  // bytes asked to be read or written
+    uint64_t requests = 0;     // packets made for this job
+    std::vector<uint8_t> data; // the source's part of the packet under way
+    std::string error;         // set in state Failed
 };
 
 // The protocol's name for a file in a directory given as a drive path or as a network path, with or without a

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <gtest/gtest.h>
 #include <span>
 #include <string>
 #include <vector>
@@ -16,14 +15,17 @@ struct FileServer {
     bool open = false;
     unsigned packets = 0;
     size_t largest = 0;
+    unsigned wrong = 0; // requests that no host should send
 
     std::vector<uint8_t> Answer(std::span<const uint8_t> packet) {
         ++packets;
         largest = std::max(largest, packet.size());
         HgfsPacketReader request(packet);
         uint32_t op = request.U32(HgfsRequestHeader::Op);
-        EXPECT_LT(op, HgfsOpCount);
-        EXPECT_GE(packet.size(), kHgfsOps[op].minimumSize);
+        if (op >= HgfsOpCount || packet.size() < kHgfsOps[op].minimumSize) {
+            ++wrong;
+            return {};
+        }
         std::vector<uint8_t> reply = Body(op, &request, packet);
         HgfsPacketWriter(reply).U32(HgfsReplyHeader::Id, request.U32(HgfsRequestHeader::Id));
         return reply;
@@ -47,7 +49,7 @@ private:
             return reply;
         }
         default:
-            EXPECT_TRUE(op == HgfsOpClose || op == HgfsOpCloseV3);
+            wrong += op != HgfsOpClose && op != HgfsOpCloseV3;
             open = false;
             return std::vector<uint8_t>(op == HgfsOpClose ? HgfsEmptyReplyV1::Size : HgfsEmptyReplyV3::Size);
         }
@@ -65,8 +67,8 @@ private:
     std::vector<uint8_t> Write(HgfsPacketReader* request, std::span<const uint8_t> packet, bool large) {
         std::span<const uint8_t> data =
             packet.subspan(large ? HgfsWriteRequestV3::Data : HgfsWriteRequestV1::Data);
-        EXPECT_EQ(request->U32(HgfsWriteRequestV1::Size), data.size());
-        EXPECT_EQ(request->U64(HgfsWriteRequestV1::Offset), file.size());
+        wrong += request->U32(HgfsWriteRequestV1::Size) != data.size();
+        wrong += request->U64(HgfsWriteRequestV1::Offset) != file.size();
         data = data.first(static_cast<size_t>(std::min<uint64_t>(data.size(), writeLimit)));
         file.append(data.begin(), data.end());
         std::vector<uint8_t> reply(large ? HgfsWriteReplyV3::Size : HgfsWriteReplyV1::Size);

@@ -42,6 +42,8 @@ struct ClientTest : testing::Test {
         client.name = HgfsClient_Name("C:\\t\\", "windows.iso");
     }
 
+    void TearDown() override { EXPECT_EQ(server.wrong, 0U); }
+
     bool Run(HgfsClient_Job job, unsigned percent = 100) {
         HgfsClient_Begin(&client, job, percent);
         std::vector<uint8_t> packet;
@@ -112,6 +114,11 @@ TEST_F(ClientTest, FailsWhenTheImageCannotBeRead) {
     EXPECT_EQ(client.error, "the image cannot be read");
 }
 
+void Refuse(std::vector<uint8_t>* reply, uint8_t status) {
+    reply->resize(kHgfsHeaderSize);
+    (*reply)[HgfsReplyHeader::Status] = status;
+}
+
 struct WrongReply {
     const char* said;
     void (*spoil)(std::vector<uint8_t>* reply);
@@ -119,12 +126,12 @@ struct WrongReply {
 
 TEST_F(ClientTest, RefusesWrongReplies) {
     const WrongReply cases[] = {
-        {"a reply of 7 bytes", [](auto* reply) { reply->resize(7); }},
-        {"a reply of 0 bytes", [](auto* reply) { reply->clear(); }},
+        {"malformed reply of 7 bytes", [](auto* reply) { reply->resize(7); }},
+        {"malformed reply of 0 bytes", [](auto* reply) { reply->clear(); }},
         {"a reply to request", [](auto* reply) { ++(*reply)[HgfsReplyHeader::Id]; }},
-        {"access denied", [](auto* reply) { (*reply)[HgfsReplyHeader::Status] = HgfsStatusAccessDenied; }},
-        {"status 200", [](auto* reply) { (*reply)[HgfsReplyHeader::Status] = 200; }},
-        {"instead of", [](auto* reply) { reply->push_back(0); }},
+        {"access denied", [](auto* reply) { Refuse(reply, HgfsStatusAccessDenied); }},
+        {"status 200", [](auto* reply) { Refuse(reply, 200); }},
+        {"malformed reply", [](auto* reply) { reply->push_back(0); }},
     };
     for (const WrongReply& wrong : cases) {
         for (unsigned wrongPacket : {1U, 2U, 6U}) {

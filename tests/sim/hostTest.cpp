@@ -2,14 +2,11 @@
 // memory, on a clock of the test's own.
 
 #include "sim/host.h"
-#include "eventManager/eventManager.h"
-#include "fileServer.h"
-#include "rpcin/rpcin.h"
 #include "rpcout/rpcout.h"
 #include "sim/inProcess.h"
 #include "support/diagCapture.h"
+#include "tinyGuest.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,125 +19,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 uint32_t now = 0; // milliseconds, moved by the guest's sleep
-
-// What a guest does, with the ways in which it can go wrong.
-struct Guest {
-    // Behaviour.
-    const char* root = "C:\\Temp\\0a1b2c3d\\";
-    bool installs = true; // the run ends well; else the host is told
-    bool endsTwice = false;
-    const char* capabilityReply = "";
-    bool capabilityStatus = true;
-    unsigned stopAfter = 0; // turns; 0 never
-
-    // State.
-    EventManager* queue = nullptr;
-    RpcIn* in = nullptr;
-    FileServer server;
-    std::vector<uint8_t> packetReply;
-    bool stop = false;
-    bool sendEnd = true;
-    bool channelFailed = false;
-    unsigned turns = 0;
-    Host* host = nullptr; // hears what the guest says
-    std::vector<std::string> ran;
-
-    void Say(const char* text) { Host_GuestSaid(host, text); }
-
-    static bool Empty(const char** result, uint64_t* length, const char*, const char*, uint64_t, void*) {
-        return RpcIn_SetResult(result, length, "", true);
-    }
-    static bool Capabilities(const char** result, uint64_t* length, const char*, const char*, uint64_t,
-                             void* data) {
-        auto* guest = static_cast<Guest*>(data);
-        RpcOut_SendRequest(nullptr, nullptr, "tools.capability.upgrader_parameters 1");
-        return RpcIn_SetResult(result, length, guest->capabilityReply, guest->capabilityStatus);
-    }
-    static bool Run(const char** result, uint64_t* length, const char*, const char* args, uint64_t size,
-                    void* data) {
-        auto* guest = static_cast<Guest*>(data);
-        guest->ran.emplace_back(args, static_cast<size_t>(size));
-        EventManager_Add(guest->queue, 15, Install, guest);
-        return RpcIn_SetResult(result, length, "", true);
-    }
-    static bool Install(void* data) {
-        auto* guest = static_cast<Guest*>(data);
-        guest->Say("Upgrader: Beginning installation.\n");
-        guest->Say("Attempting to launch \"x\"\n");
-        guest->Say("Setup process returned 0\n");
-        guest->sendEnd = !guest->installs;
-        guest->stop = true;
-        return true;
-    }
-    static bool Cancel(const char** result, uint64_t* length, const char*, const char*, uint64_t,
-                       void* data) {
-        static_cast<Guest*>(data)->stop = true;
-        static_cast<Guest*>(data)->sendEnd = false;
-        return RpcIn_SetResult(result, length, "", true);
-    }
-    static bool Packet(const char** result, uint64_t* length, const char*, const char* args, uint64_t size,
-                       void* data) {
-        auto* guest = static_cast<Guest*>(data);
-        std::span packet(reinterpret_cast<const uint8_t*>(args) + 1, static_cast<size_t>(size - 1));
-        guest->packetReply = guest->server.Answer(packet);
-        *result = reinterpret_cast<const char*>(guest->packetReply.data());
-        *length = guest->packetReply.size();
-        return true;
-    }
-    static bool Reset(RpcInCall* call) {
-        static char text[] = "ATR tools-upgrader";
-        call->result = text;
-        call->resultLen = std::strlen(text);
-        return true;
-    }
-    static void Failed(void* data, const char*) {
-        static_cast<Guest*>(data)->stop = true;
-        static_cast<Guest*>(data)->channelFailed = true;
-    }
-
-    bool Greet() const {
-        char* reply = nullptr;
-        uint64_t length = 0;
-        bool sent = RpcOut_SendRequest(&reply, &length, "upgrader.setGuestFileRoot %s", root);
-        bool accepted = sent && length == 0;
-        std::free(reply);
-        return accepted;
-    }
-
-    void Loop() {
-        uint64_t sleep = 0;
-        while (!stop && EventManager_RunNext(queue, &sleep) == 1) {
-            now += static_cast<uint32_t>(sleep / 1000);
-            if (++turns == stopAfter || turns > 100000) {
-                break;
-            }
-        }
-    }
-
-    void Live() {
-        queue = EventManager_Create();
-        in = RpcIn_Create(queue);
-        if (RpcIn_start(in, 10, Reset, this, Failed, this)) {
-            RpcIn_RegisterCallback(in, "Capabilities_Register", Capabilities, this);
-            RpcIn_RegisterCallback(in, "upgrader.run", Run, this);
-            RpcIn_RegisterCallback(in, "upgrader.cancel", Cancel, this);
-            RpcIn_RegisterCallback(in, "f", Packet, this);
-            bool greeted = Greet();
-            sendEnd = sendEnd && greeted;
-            if (greeted) {
-                Loop();
-            }
-            RpcIn_stop(in);
-        } else {
-            sendEnd = false;
-        }
-        RpcIn_Free(in);
-        EventManager_Destroy(queue);
-        for (int i = 0; sendEnd && i < (endsTwice ? 2 : 1); ++i) {
-            RpcOut_SendRequest(nullptr, nullptr, "toolinstall.end 0");
-        }
-    }
-};
 
 struct HostTest : testing::Test {
     HostTest() {
@@ -167,11 +45,17 @@ struct HostTest : testing::Test {
         host.observer.transcript = [](void* data, const std::string& line) {
             static_cast<HostTest*>(data)->transcript += line + '\n';
         };
-        guest.host = &host;
+        Connect();
         hypervisor.memory = Hypervisor_OwnMemory();
         hypervisor.service = Host_Service(&host);
     }
     ~HostTest() override { DiagCapture_Take(); }
+
+    void Connect() {
+        guest.clientData = &host;
+        guest.say = [](void* data, const char* text) { Host_GuestSaid(static_cast<Host*>(data), text); };
+        guest.sleep = [](uint64_t microseconds) { now += static_cast<uint32_t>(microseconds / 1000); };
+    }
 
     void Script(std::initializer_list<const char*> steps) {
         for (const char* text : steps) {
@@ -185,7 +69,7 @@ struct HostTest : testing::Test {
         {
             InProcess_Port port(&hypervisor);
             Host_Start(&host);
-            guest.Live();
+            TinyGuest_Live(&guest);
         }
         Host_Finish(&host);
         EXPECT_THAT(hypervisor.deviations, IsEmpty());
@@ -203,7 +87,7 @@ struct HostTest : testing::Test {
     std::string image;
     Host host;
     Hypervisor hypervisor;
-    Guest guest;
+    TinyGuest guest;
     std::vector<std::string> phases;
     std::vector<unsigned> signals;
     std::string transcript;
@@ -220,8 +104,8 @@ TEST_F(HostTest, TakesAGuestThroughAnUpgrade) {
         host.step = 0;
         host.root.clear();
         host.phase = Host_Phase::Starting;
-        guest = Guest{};
-        guest.host = &host;
+        guest = TinyGuest{};
+        Connect();
         phases.clear();
         Script({"greeting", "capabilities", "ping", "reset", "copy", "verify", "run -q", "end"});
         Upgrade();
@@ -278,8 +162,8 @@ TEST_F(HostTest, RefusesTheGreetingInBothWays) {
     for (Host_Greeting greeting : {Host_Greeting::Unknown, Host_Greeting::Text}) {
         host = Host{};
         host.greeting = greeting;
-        guest = Guest{};
-        guest.host = &host;
+        guest = TinyGuest{};
+        Connect();
         hypervisor.service = Host_Service(&host);
         Script({"greeting", "end"});
         Upgrade();
@@ -307,26 +191,26 @@ TEST_F(HostTest, LetsTheGuestIdle) {
 
 struct BadGuest {
     const char* name;
-    void (*spoil)(Guest*);
+    void (*spoil)(TinyGuest*);
     Host_ProblemKind kind;
     const char* said;
 };
 
 TEST_F(HostTest, FindsWhatAGuestDoesWrong) {
     const BadGuest cases[] = {
-        {"relative directory", [](Guest* bad) { bad->root = "Temp\\0a1b2c3d\\"; }, Host_ProblemKind::Message,
+        {"relative directory", [](TinyGuest* bad) { bad->root = "Temp\\0a1b2c3d\\"; },
+         Host_ProblemKind::Message, "odd name"},
+        {"no separator", [](TinyGuest* bad) { bad->root = "C:\\Temp\\0a1b2c3d"; }, Host_ProblemKind::Message,
          "odd name"},
-        {"no separator", [](Guest* bad) { bad->root = "C:\\Temp\\0a1b2c3d"; }, Host_ProblemKind::Message,
-         "odd name"},
-        {"capital digits", [](Guest* bad) { bad->root = "C:\\Temp\\0A1B2C3D\\"; }, Host_ProblemKind::Message,
-         "odd name"},
-        {"text in a reply", [](Guest* bad) { bad->capabilityReply = "x"; }, Host_ProblemKind::Script,
+        {"capital digits", [](TinyGuest* bad) { bad->root = "C:\\Temp\\0A1B2C3D\\"; },
+         Host_ProblemKind::Message, "odd name"},
+        {"text in a reply", [](TinyGuest* bad) { bad->capabilityReply = "x"; }, Host_ProblemKind::Script,
          "answered 'OK x' instead of 'OK '"},
-        {"failure in a reply", [](Guest* bad) { bad->capabilityStatus = false; }, Host_ProblemKind::Script,
-         "answered 'ERROR ' instead of 'OK '"},
-        {"early end", [](Guest* bad) { bad->stopAfter = 3; }, Host_ProblemKind::Script,
+        {"failure in a reply", [](TinyGuest* bad) { bad->capabilityStatus = false; },
+         Host_ProblemKind::Script, "answered 'ERROR ' instead of 'OK '"},
+        {"early end", [](TinyGuest* bad) { bad->stopAfter = 3; }, Host_ProblemKind::Script,
          "closed the command channel in step"},
-        {"short writes", [](Guest* bad) { bad->server.writeLimit = 0; }, Host_ProblemKind::Copy,
+        {"short writes", [](TinyGuest* bad) { bad->server.writeLimit = 0; }, Host_ProblemKind::Copy,
          "0 of 63455 bytes written"},
     };
     for (const BadGuest& test : cases) {
@@ -335,8 +219,8 @@ TEST_F(HostTest, FindsWhatAGuestDoesWrong) {
         host = Host{};
         host.client.source = source;
         host.expectedEnd = Host_EndNotice::Any;
-        guest = Guest{};
-        guest.host = &host;
+        guest = TinyGuest{};
+        Connect();
         hypervisor.service = Host_Service(&host);
         test.spoil(&guest);
         Script({"greeting", "capabilities", "copy", "verify", "run", "end"});
@@ -373,8 +257,8 @@ TEST_F(HostTest, SurvivesAFaultAtAnyCallOfARun) {
             host = Host{};
             host.client.source = source;
             host.expectedEnd = Host_EndNotice::Any;
-            guest = Guest{};
-            guest.host = &host;
+            guest = TinyGuest{};
+            Connect();
             hypervisor = Hypervisor{};
             hypervisor.memory = Hypervisor_OwnMemory();
             hypervisor.service = Host_Service(&host);

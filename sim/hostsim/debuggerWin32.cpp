@@ -1,0 +1,334 @@
+#include "sim/hostsim/debuggerWin32.h"
+
+#include "sim/hostsim/textWin32.h"
+#include "sim/portContextWin32.h"
+#include "sim/portInstruction.h"
+#include "string/str.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace {
+
+constexpr DWORD TURN = 50;         // milliseconds
+constexpr DWORD END_LIMIT = 10000; // for a guest that was ended
+constexpr size_t MAX_SAID = 64 * 1024;
+constexpr uint32_t CXX_EXCEPTION = 0x20474343;
+
+struct ExceptionName {
+    DWORD code;
+    const char* name;
+};
+constexpr std::array<ExceptionName, 9> EXCEPTION_NAMES = {{
+    {EXCEPTION_ACCESS_VIOLATION, "access violation"},
+    {EXCEPTION_PRIV_INSTRUCTION, "privileged instruction"},
+    {EXCEPTION_ILLEGAL_INSTRUCTION, "illegal instruction"},
+    {EXCEPTION_STACK_OVERFLOW, "stack overflow"},
+    {EXCEPTION_INT_DIVIDE_BY_ZERO, "division by zero"},
+    {EXCEPTION_IN_PAGE_ERROR, "page that cannot be read"},
+    {EXCEPTION_BREAKPOINT, "breakpoint"},
+    {CXX_EXCEPTION, "C++ exception"},
+    {0xC0000374, "damaged heap"},
+}};
+
+template <typename Value>
+bool ReadValue(HANDLE process, uint64_t address, Value* value) {
+    SIZE_T read = 0;
+    return ReadProcessMemory(process, reinterpret_cast<LPCVOID>(address), value, sizeof *value, &read) &&
+           read == sizeof *value;
+}
+
+// As many of the bytes at an address as can be read; an instruction may stand at the end of its page.
+std::vector<uint8_t> ReadCode(HANDLE process, uint64_t address, size_t wanted) {
+    std::vector<uint8_t> code(wanted);
+    SIZE_T read = 0;
+    while (wanted > 0 &&
+           !(ReadProcessMemory(process, reinterpret_cast<LPCVOID>(address), code.data(), wanted, &read) &&
+             read == wanted)) {
+        --wanted;
+    }
+    code.resize(wanted);
+    return code;
+}
+
+// --- Modules
+// -------------------------------------------------------------------------------------------------
+
+uint64_t ModuleSize(HANDLE process, uint64_t base) {
+    IMAGE_DOS_HEADER dos{};
+    IMAGE_NT_HEADERS64 headers{};
+    bool read = ReadValue(process, base, &dos) &&
+                ReadValue(process, base + static_cast<uint64_t>(dos.e_lfanew), &headers);
+    return read ? headers.OptionalHeader.SizeOfImage : 0;
+}
+
+// The name in the module's export directory or of its file, whichever is known.
+std::string ModuleName(HANDLE process, HANDLE file, LPVOID nameAddress, bool wide) {
+    std::wstring path;
+    using FinalPath = DWORD(WINAPI*)(HANDLE, LPWSTR, DWORD, DWORD);
+    auto finalPath = Win32_GetProc<FinalPath>(GetModuleHandleW(L"kernel32"), "GetFinalPathNameByHandleW");
+    if (file && finalPath) {
+        path.resize(32768);
+        path.resize(finalPath(file, path.data(), static_cast<DWORD>(path.size()), 0));
+    }
+    uint64_t text = 0;
+    if (path.empty() && nameAddress && ReadValue(process, reinterpret_cast<uint64_t>(nameAddress), &text) &&
+        text != 0) {
+        std::vector<uint8_t> bytes = ReadCode(process, text, MAX_PATH * (wide ? 2 : 1));
+        if (wide) {
+            path.resize(bytes.size() / 2);
+            std::memcpy(path.data(), bytes.data(), path.size() * 2);
+        } else {
+            path.assign(bytes.begin(), bytes.end());
+        }
+        path.resize(std::min(path.find(L'\0'), path.size()));
+    }
+    return Text_FromWide(path.substr(path.find_last_of(L"\\/") + 1));
+}
+
+void AddModule(Debugger* debugger, LPVOID address, HANDLE file, LPVOID nameAddress, bool wide) {
+    HANDLE process = debugger->guest->process.Get();
+    auto base = reinterpret_cast<uint64_t>(address);
+    debugger->modules.push_back(
+        {base, ModuleSize(process, base), ModuleName(process, file, nameAddress, wide)});
+    if (file) {
+        CloseHandle(file);
+    }
+}
+
+std::string Place(const Debugger& debugger, uint64_t address) {
+    for (const Debugger_Module& module : debugger.modules) {
+        if (address >= module.base && address - module.base < module.size) {
+            return Str_Format("%s+0x%" DIAG_I64 "x", module.name.c_str(), address - module.base);
+        }
+    }
+    return Str_Format("0x%" DIAG_I64 "x", address);
+}
+
+const Debugger_Module* FindModule(const Debugger& debugger, const char* name) {
+    for (const Debugger_Module& module : debugger.modules) {
+        if (lstrcmpiA(module.name.c_str(), name) == 0) {
+            return &module;
+        }
+    }
+    return nullptr;
+}
+
+// --- Exceptions
+// ----------------------------------------------------------------------------------------------
+
+std::string DescribeException(const Debugger& debugger, const EXCEPTION_RECORD& record) {
+    std::string text = Str_Format("exception 0x%08x", static_cast<unsigned>(record.ExceptionCode));
+    for (const ExceptionName& name : EXCEPTION_NAMES) {
+        if (name.code == record.ExceptionCode) {
+            text += Str_Format(" (%s)", name.name);
+        }
+    }
+    text += " at " + Place(debugger, reinterpret_cast<uint64_t>(record.ExceptionAddress));
+    if (record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION && record.NumberParameters >= 2) {
+        const char* access = record.ExceptionInformation[0] == 0   ? "reading"
+                             : record.ExceptionInformation[0] == 1 ? "writing"
+                                                                   : "executing";
+        text += Str_Format(", %s 0x%" DIAG_I64 "x", access,
+                           static_cast<uint64_t>(record.ExceptionInformation[1]));
+    }
+    return text;
+}
+
+bool AnswerPort(Debugger* debugger, DWORD threadId, uint64_t address) {
+    auto thread = debugger->threads.find(threadId);
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_CONTROL | CONTEXT_INTEGER;
+    if (thread == debugger->threads.end() || !GetThreadContext(thread->second, &context)) {
+        return false;
+    }
+    // Reading the guest's memory stops it once more. The few instructions that it executes do not change.
+    std::vector<uint8_t>& code = debugger->code[address];
+    if (code.empty()) {
+        code = ReadCode(debugger->guest->process.Get(), address, PORT_INSTRUCTION_MAX);
+    }
+    PortInstruction instruction{};
+    if (!PortInstruction_Decode(code, context.Rdx, &instruction)) {
+        debugger->code.erase(address);
+        return false;
+    }
+    HvPort_Registers registers = PortContext_Load(context);
+    bool backwards = (context.EFlags & PORT_CONTEXT_DIRECTION_FLAG) != 0;
+    if (!debugger->events.port(debugger->events.clientData, instruction.kind, backwards, &registers)) {
+        return false;
+    }
+    PortContext_Store(registers, instruction.length, &context);
+    return SetThreadContext(thread->second, &context) != FALSE;
+}
+
+void HideDebugger(HANDLE process) {
+    struct BasicInformation {
+        PVOID reserved;
+        uint64_t peb;
+        PVOID rest[4];
+    } information{};
+    constexpr uint64_t BEING_DEBUGGED = 2; // offset in the process environment block
+    using Query = LONG(WINAPI*)(HANDLE, ULONG, PVOID, ULONG, PULONG);
+    auto query = Win32_GetProc<Query>(GetModuleHandleW(L"ntdll"), "NtQueryInformationProcess");
+    if (query && query(process, 0, &information, sizeof information, nullptr) == 0) {
+        uint8_t no = 0;
+        WriteProcessMemory(process, reinterpret_cast<LPVOID>(information.peb + BEING_DEBUGGED), &no, 1,
+                           nullptr);
+    }
+}
+
+DWORD OnException(Debugger* debugger, DWORD threadId, const EXCEPTION_DEBUG_INFO& info) {
+    const EXCEPTION_RECORD& record = info.ExceptionRecord;
+    bool first = info.dwFirstChance != 0;
+    if (record.ExceptionCode == EXCEPTION_BREAKPOINT && first && !debugger->started) {
+        debugger->started = true;
+        if (debugger->hidden) {
+            HideDebugger(debugger->guest->process.Get());
+        }
+        return DBG_CONTINUE;
+    }
+    if (record.ExceptionCode == EXCEPTION_PRIV_INSTRUCTION && first &&
+        AnswerPort(debugger, threadId, reinterpret_cast<uint64_t>(record.ExceptionAddress))) {
+        return DBG_CONTINUE;
+    }
+    constexpr DWORD ERROR_SEVERITY = 0xC0000000;
+    if (!first || record.ExceptionCode >= ERROR_SEVERITY) {
+        debugger->events.exception(debugger->events.clientData, DescribeException(*debugger, record), !first);
+    }
+    return DBG_EXCEPTION_NOT_HANDLED;
+}
+
+// --- Debug output
+// --------------------------------------------------------------------------------------------
+
+void OnDebugString(Debugger* debugger, const OUTPUT_DEBUG_STRING_INFO& info) {
+    // The length counts 16 bits, terminator included.
+    size_t size = info.nDebugStringLength * (info.fUnicode ? sizeof(wchar_t) : 1);
+    std::vector<uint8_t> bytes =
+        ReadCode(debugger->guest->process.Get(), reinterpret_cast<uint64_t>(info.lpDebugStringData),
+                 std::min(size, MAX_SAID));
+    std::string text;
+    if (info.fUnicode) {
+        std::wstring wide(bytes.size() / sizeof(wchar_t), L'\0');
+        std::memcpy(wide.data(), bytes.data(), wide.size() * sizeof(wchar_t));
+        text = Text_FromWide(wide);
+    } else {
+        text.assign(bytes.begin(), bytes.end());
+    }
+    text.resize(std::min(text.find('\0'), text.size()));
+    debugger->events.said(debugger->events.clientData, text);
+}
+
+// --- The loop
+// ------------------------------------------------------------------------------------------------
+
+DWORD OnEvent(Debugger* debugger, const DEBUG_EVENT& event, std::optional<uint32_t>* exitCode) {
+    switch (event.dwDebugEventCode) {
+    case CREATE_PROCESS_DEBUG_EVENT: {
+        const CREATE_PROCESS_DEBUG_INFO& info = event.u.CreateProcessInfo;
+        debugger->threads[event.dwThreadId] = info.hThread;
+        AddModule(debugger, info.lpBaseOfImage, info.hFile, info.lpImageName, info.fUnicode != 0);
+        break;
+    }
+    case CREATE_THREAD_DEBUG_EVENT:
+        debugger->threads[event.dwThreadId] = event.u.CreateThread.hThread;
+        break;
+    case EXIT_THREAD_DEBUG_EVENT:
+        debugger->threads.erase(event.dwThreadId);
+        break;
+    case LOAD_DLL_DEBUG_EVENT: {
+        const LOAD_DLL_DEBUG_INFO& info = event.u.LoadDll;
+        AddModule(debugger, info.lpBaseOfDll, info.hFile, info.lpImageName, info.fUnicode != 0);
+        break;
+    }
+    case UNLOAD_DLL_DEBUG_EVENT:
+        debugger->code.clear();
+        std::erase_if(debugger->modules, [&event](const Debugger_Module& module) {
+            return module.base == reinterpret_cast<uint64_t>(event.u.UnloadDll.lpBaseOfDll);
+        });
+        break;
+    case OUTPUT_DEBUG_STRING_EVENT:
+        OnDebugString(debugger, event.u.DebugString);
+        break;
+    case EXCEPTION_DEBUG_EVENT:
+        return OnException(debugger, event.dwThreadId, event.u.Exception);
+    case EXIT_PROCESS_DEBUG_EVENT:
+        *exitCode = event.u.ExitProcess.dwExitCode;
+        break;
+    default:
+        break;
+    }
+    return DBG_CONTINUE;
+}
+
+} // namespace
+
+std::optional<uint32_t> Debugger_Run(Debugger* debugger) {
+    std::optional<uint32_t> exitCode;
+    bool ended = false;
+    DWORD endedAt = 0;
+    while (!exitCode && !(ended && GetTickCount() - endedAt > END_LIMIT)) {
+        DEBUG_EVENT event{};
+        if (WaitForDebugEvent(&event, TURN)) {
+            DWORD status = OnEvent(debugger, event, &exitCode);
+            ContinueDebugEvent(event.dwProcessId, event.dwThreadId, status);
+        }
+        if (!ended && !exitCode && !debugger->events.turn(debugger->events.clientData)) {
+            ended = true;
+            endedAt = GetTickCount();
+            TerminateProcess(debugger->guest->process.Get(), 1);
+        }
+    }
+    return ended ? std::nullopt : exitCode;
+}
+
+Hypervisor_Memory Debugger_Memory(const GuestProcess* guest) {
+    Hypervisor_Memory memory;
+    memory.read = [](void* data, uint64_t address, uint8_t* bytes, size_t length) {
+        SIZE_T done = 0;
+        HANDLE process = static_cast<const GuestProcess*>(data)->process.Get();
+        return ReadProcessMemory(process, reinterpret_cast<LPCVOID>(address), bytes, length, &done) &&
+               done == length;
+    };
+    memory.write = [](void* data, uint64_t address, const uint8_t* bytes, size_t length) {
+        SIZE_T done = 0;
+        HANDLE process = static_cast<const GuestProcess*>(data)->process.Get();
+        return WriteProcessMemory(process, reinterpret_cast<LPVOID>(address), bytes, length, &done) &&
+               done == length;
+    };
+    memory.clientData = const_cast<GuestProcess*>(guest);
+    return memory;
+}
+
+bool Debugger_RaiseConsoleEvent(const Debugger& debugger, unsigned event) {
+    // The system starts this routine on a new thread of a process that gets a console event. The guest has no
+    // console, so the event cannot come from one.
+    for (const char* name : {"kernelbase.dll", "kernel32.dll"}) {
+        HMODULE module = GetModuleHandleA(name);
+        FARPROC routine = module ? GetProcAddress(module, "CtrlRoutine") : nullptr;
+        const Debugger_Module* theirs = FindModule(debugger, name);
+        if (!routine || !theirs) {
+            continue;
+        }
+        uint64_t offset = reinterpret_cast<uint64_t>(routine) - reinterpret_cast<uint64_t>(module);
+        auto start = reinterpret_cast<LPTHREAD_START_ROUTINE>(theirs->base + offset);
+        KernelHandle thread(CreateRemoteThread(debugger.guest->process.Get(), nullptr, 0, start,
+                                               reinterpret_cast<LPVOID>(static_cast<uintptr_t>(event)), 0,
+                                               nullptr));
+        return static_cast<bool>(thread);
+    }
+    return false;
+}
+
+std::string Debugger_Where(const Debugger& debugger) {
+    HANDLE thread = debugger.guest->mainThread.Get();
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_CONTROL;
+    if (SuspendThread(thread) == static_cast<DWORD>(-1)) {
+        return {};
+    }
+    bool known = GetThreadContext(thread, &context) != FALSE;
+    ResumeThread(thread);
+    return known ? Place(debugger, context.Rip) : std::string();
+}

@@ -1,0 +1,185 @@
+#include "sim/hostsim/guestProcessWin32.h"
+
+#include "sim/hostsim/textWin32.h"
+#include "string/str.h"
+
+#include <span>
+
+namespace {
+
+constexpr DWORD END_LIMIT = 10000; // milliseconds
+
+std::string SystemError(const char* what, DWORD error) {
+    return Str_Format("%s failed with error %u", what, static_cast<unsigned>(error));
+}
+
+bool IsFile(const std::wstring& path) {
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
+std::wstring FullPath(const std::wstring& path) {
+    std::wstring full(32768, L'\0');
+    DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    full.resize(length < full.size() ? length : 0);
+    return full;
+}
+
+std::wstring OwnFolder() {
+    std::wstring path(32768, L'\0');
+    path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    return path.substr(0, path.find_last_of(L'\\') + 1);
+}
+
+// Full path of the program, empty when there is none.
+std::wstring FindProgram(const std::string& name) {
+    std::wstring wide = Text_ToWide(name);
+    for (const std::wstring& path :
+         {FullPath(wide), FullPath(wide + L".exe"), OwnFolder() + wide, OwnFolder() + wide + L".exe"}) {
+        if (IsFile(path)) {
+            return path;
+        }
+    }
+    return {};
+}
+
+KernelHandle MakeJob() {
+    KernelHandle job(CreateJobObjectW(nullptr, nullptr));
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (job &&
+        !SetInformationJobObject(job.Get(), JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
+        job.Reset();
+    }
+    return job;
+}
+
+// A pipe whose writing end the guest inherits.
+bool MakePipe(FileHandle* reading, FileHandle* writing) {
+    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
+    HANDLE read = nullptr;
+    HANDLE write = nullptr;
+    constexpr DWORD ROOM = 64 * 1024; // so that the guest does not wait for us
+    if (!CreatePipe(&read, &write, &inherited, ROOM)) {
+        return false;
+    }
+    reading->Reset(read);
+    writing->Reset(write);
+    return SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0) != FALSE;
+}
+
+bool CreateGuest(const std::wstring& program, std::wstring commandLine, HANDLE errors, GuestProcess* guest) {
+    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
+    FileHandle nothing(CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                   &inherited, OPEN_EXISTING, 0, nullptr));
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = nothing.Get();
+    startup.hStdOutput = nothing.Get();
+    startup.hStdError = errors;
+    SetEnvironmentVariableW(L"_NO_DEBUG_HEAP",
+                            L"1"); // the guest's memory shall be as it is without a debugger
+    PROCESS_INFORMATION information{};
+    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, DEBUG_ONLY_THIS_PROCESS,
+                        nullptr, nullptr, &startup, &information)) {
+        return false;
+    }
+    guest->process.Reset(information.hProcess);
+    guest->mainThread.Reset(information.hThread);
+    guest->processId = information.dwProcessId;
+    guest->mainThreadId = information.dwThreadId;
+    return true;
+}
+
+void AppendArgument(const std::string& argument, std::wstring* line) {
+    std::wstring wide = Text_ToWide(argument);
+    *line += L' ';
+    if (!wide.empty() && wide.find_first_of(L" \t\n\v\f\r\"") == std::wstring::npos) {
+        *line += wide;
+        return;
+    }
+    *line += L'"';
+    for (wchar_t character : wide) {
+        if (character == L'"' || character == L'\\') {
+            *line += L'\\';
+        }
+        *line += character;
+    }
+    *line += L'"';
+}
+
+uint32_t ActiveProcesses(HANDLE job) {
+    JOBOBJECT_BASIC_ACCOUNTING_INFORMATION accounting{};
+    QueryInformationJobObject(job, JobObjectBasicAccountingInformation, &accounting, sizeof accounting,
+                              nullptr);
+    return accounting.ActiveProcesses;
+}
+
+} // namespace
+
+std::wstring GuestProcess_CommandLine(const std::wstring& program,
+                                      const std::vector<std::string>& arguments) {
+    std::wstring line = L'"' + program + L'"';
+    for (const std::string& argument : arguments) {
+        AppendArgument(argument, &line);
+    }
+    return line;
+}
+
+bool GuestProcess_Start(const std::vector<std::string>& guest, GuestProcess* started, std::string* error) {
+    std::wstring program = FindProgram(guest.front());
+    if (program.empty()) {
+        *error = "there is no program " + guest.front();
+        return false;
+    }
+    started->job = MakeJob();
+    if (!started->job) {
+        *error = SystemError("making a job", GetLastError());
+        return false;
+    }
+    FileHandle errors;
+    if (!MakePipe(&started->errors, &errors)) {
+        *error = SystemError("making a pipe", GetLastError());
+        return false;
+    }
+    std::vector<std::string> arguments(guest.begin() + 1, guest.end());
+    if (!CreateGuest(program, GuestProcess_CommandLine(program, arguments), errors.Get(), started)) {
+        *error = SystemError(("starting " + Text_FromWide(program)).c_str(), GetLastError());
+        return false;
+    }
+    // Its first debug event has not been answered yet, so it cannot have children outside the job.
+    if (!AssignProcessToJobObject(started->job.Get(), started->process.Get())) {
+        *error = SystemError("putting the guest into its job", GetLastError());
+        TerminateProcess(started->process.Get(), 1);
+        return false;
+    }
+    return true;
+}
+
+std::string GuestProcess_TakeErrors(GuestProcess* guest) {
+    std::string text;
+    DWORD waiting = 0;
+    while (PeekNamedPipe(guest->errors.Get(), nullptr, 0, nullptr, &waiting, nullptr) && waiting > 0) {
+        size_t before = text.size();
+        text.resize(before + waiting);
+        DWORD read = 0;
+        if (!ReadFile(guest->errors.Get(), text.data() + before, waiting, &read, nullptr)) {
+            read = 0;
+        }
+        text.resize(before + read);
+        if (read == 0) {
+            break;
+        }
+    }
+    return text;
+}
+
+uint32_t GuestProcess_End(GuestProcess* guest) {
+    uint32_t left = ActiveProcesses(guest->job.Get());
+    TerminateJobObject(guest->job.Get(), 1);
+    for (DWORD waited = 0; ActiveProcesses(guest->job.Get()) > 0 && waited < END_LIMIT; waited += 10) {
+        Sleep(10);
+    }
+    return left;
+}
