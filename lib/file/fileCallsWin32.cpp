@@ -52,6 +52,8 @@ FileWin32Calls fileWin32Calls = {
     .revertToSelf = RevertToSelf,
     .getFileSecurity = GetFileSecurityW,
     .accessCheck = AccessCheck,
+    .openProcess = OpenProcess,
+    .getModuleHandle = GetModuleHandleW,
     .sleep = Sleep,
 };
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <windows.h>
 
+#include <tlhelp32.h>
+
 struct FileWin32Calls {
     decltype(&::MoveFileW) moveFile;
     decltype(&::MoveFileExW) moveFileEx;
@@ -35,11 +37,27 @@ struct FileWin32Calls {
     decltype(&::RevertToSelf) revertToSelf;
     decltype(&::GetFileSecurityW) getFileSecurity;
     decltype(&::AccessCheck) accessCheck;
+    decltype(&::OpenProcess) openProcess;
+    decltype(&::GetModuleHandleW) getModuleHandle;
     decltype(&::Sleep) sleep;
 };
 
 // Not to be changed while another thread uses the library.
 extern FileWin32Calls fileWin32Calls;
+
+// Calls that the oldest systems lack, looked up on the first lock. The narrow entries, whatever the build's
+// text setting makes of their names.
+using ProcessEntry = struct tagPROCESSENTRY32;
+static_assert(sizeof(ProcessEntry) == 304);
+
+struct FileProcessCalls {
+    bool linked = false;
+    HANDLE(WINAPI* createSnapshot)(DWORD flags, DWORD processId) = nullptr;
+    BOOL(WINAPI* first)(HANDLE snapshot, ProcessEntry* entry) = nullptr;
+    BOOL(WINAPI* next)(HANDLE snapshot, ProcessEntry* entry) = nullptr;
+    decltype(&::GetProcessTimes) getTimes = nullptr;
+};
+extern FileProcessCalls fileProcessCalls;
 
 // The name for a call; or the error to report: 487 for no name, 123 for a name that is no valid UTF-8.
 uint32_t FileWideName(const char* name, std::wstring* wide);

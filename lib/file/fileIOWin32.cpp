@@ -1,8 +1,12 @@
 #include "file/fileIO.h"
 
 #include "file/fileCallsWin32.h"
+#include "file/fileLock.h"
 #include "file/fileRules.h"
 #include "misc/diag.h"
+
+#include <cstring>
+#include <utility>
 
 namespace {
 
@@ -149,11 +153,35 @@ FileIOResult FileIO_Access(const char* name, uint32_t mode) {
     return refused ? FileIOResult::Error : FileIOResult::Success;
 }
 
-// Locks are not there yet: an open that asks for one is refused.
-FileIOResult FileIO_Lock(FileIODescriptor* /*descriptor*/, uint32_t flags) {
-    return (flags & FILEIO_OPEN_LOCKED) == 0 ? FileIOResult::Success : FileIOResult::LockFailed;
+FileIOResult FileIO_Lock(FileIODescriptor* descriptor, uint32_t flags) {
+    constexpr uint32_t MAX_WAIT_MS = 2500;
+    if ((flags & FILEIO_OPEN_LOCKED) == 0) {
+        return FileIOResult::Success;
+    }
+    const char* name = descriptor->fileName.c_str();
+    int error = 0;
+    descriptor->lockToken = FileLock_Lock(name, (flags & FILEIO_OPEN_WRITE) == 0, MAX_WAIT_MS, &error);
+    if (descriptor->lockToken != nullptr) {
+        return FileIOResult::Success;
+    }
+    DWORD lastError = GetLastError();
+    Warning("FILE: %s on '%s' failed: %s\n", "FileIO_Lock", name,
+            error == 0 ? "Lock timed out" : strerror(error));
+    SetLastError(lastError);
+    return FileIOResultFromLockError(error);
 }
 
-FileIOResult FileIO_Unlock(FileIODescriptor* /*descriptor*/) {
+FileIOResult FileIO_Unlock(FileIODescriptor* descriptor) {
+    if (descriptor->lockToken == nullptr) {
+        return FileIOResult::Success;
+    }
+    const char* name = descriptor->fileName.c_str();
+    int error = FileLock_Unlock(name, std::exchange(descriptor->lockToken, nullptr));
+    if (error != 0) {
+        DWORD lastError = GetLastError();
+        Warning("FILE: %s on '%s' failed: %s\n", "FileIO_Unlock", name, strerror(error));
+        SetLastError(lastError);
+        return FileIOResult::Error;
+    }
     return FileIOResult::Success;
 }

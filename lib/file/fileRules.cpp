@@ -102,6 +102,22 @@ std::optional<FileIOResult> FileIOResultFromWin32(uint32_t win32Error) {
     }
 }
 
+FileIOResult FileIOResultFromLockError(int error) {
+    switch (error) {
+    case 0:
+    case FILE_EROFS:
+        return FileIOResult::LockFailed;
+    case FILE_ENOENT:
+        return FileIOResult::FileNotFound;
+    case FILE_EACCES:
+        return FileIOResult::NoPermission;
+    case FILE_ENAMETOOLONG:
+        return FileIOResult::NameTooLong;
+    default:
+        return FileIOResult::Error;
+    }
+}
+
 size_t FileRenameListInsert(std::span<char> text, size_t used, std::string_view line) {
     size_t header = std::string_view(text.data(), used).find(FILE_RENAME_SECTION);
     size_t insertAt = header + FILE_RENAME_SECTION.size();

@@ -19,6 +19,7 @@ inline constexpr int FILE_EEXIST = 17;
 inline constexpr int FILE_ENOTDIR = 20;
 inline constexpr int FILE_EROFS = 30;
 inline constexpr int FILE_EDOM = 33;
+inline constexpr int FILE_ERANGE = 34;
 inline constexpr int FILE_ENAMETOOLONG = 38;
 
 // Windows errors by number, for units that do not see the system's headers.
@@ -84,6 +85,9 @@ FileIOOpenArguments FileIOTranslate(uint32_t flags, FileIOOpenAction action);
 
 // None for an error that an open has no result of its own for.
 std::optional<FileIOResult> FileIOResultFromWin32(uint32_t win32Error);
+
+// What an open gives when its lock could not be had for an errno-style code; 0 is a time-out.
+FileIOResult FileIOResultFromLockError(int error);
 
 // The restart rename list of old systems: an INI file whose section "[Rename]" holds "NUL=<path>" lines.
 inline constexpr std::string_view FILE_RENAME_SECTION = "[Rename]\r\n";
