@@ -1,4 +1,5 @@
 #include "log/log.h"
+#include "log/logState.h"
 #include "log/logSystem.h"
 #include "misc/codesetUtf.h"
 
@@ -9,7 +10,6 @@
 
 namespace {
 
-constexpr uint32_t MASK_UNREAD = 0x40;
 constexpr uint32_t MASK_DEFAULT = LOG_ALWAYS | LOG_DETAIL;
 constexpr size_t LINE_SIZE = 2048;
 constexpr size_t TEXT_SIZE = LINE_SIZE - 2; // stamp, tag and message; the line end and a terminator follow
@@ -17,13 +17,6 @@ constexpr char FILE_NAME[] = "rlinst.log";
 constexpr char FALLBACK_NAME[] = "inst.log";
 constexpr char TRUNCATED[] = "The following message is truncated:\n";
 constexpr char FORMAT_ERROR[] = "Serious format error in logging code\n";
-
-struct LogState {
-    uint32_t mask = MASK_UNREAD;
-    uint32_t nesting = 0; // begin calls not yet ended
-    bool open = false;
-};
-LogState state;
 
 const char* Tag(uint32_t level) {
     switch (level) {
@@ -102,31 +95,31 @@ void WriteFormatted(uint32_t level, const char* format, ...) {
 
 void Open() {
     std::string path;
-    if (state.mask == 0 || !LogSystemTempDirectory(&path)) {
+    if (logState.mask == 0 || !LogSystemTempDirectory(&path)) {
         return;
     }
     path += FILE_NAME;
     uint32_t error = 0;
-    state.open = LogSystemOpen(path, &error);
-    if (state.open) {
+    logState.open = LogSystemOpen(path, &error);
+    if (logState.open) {
         return;
     }
     uint32_t ignored = 0;
-    state.open = LogSystemOpen(FALLBACK_NAME, &ignored);
-    if (state.open && (state.mask & LOG_ALWAYS) != 0) {
+    logState.open = LogSystemOpen(FALLBACK_NAME, &ignored);
+    if (logState.open && (logState.mask & LOG_ALWAYS) != 0) {
         WriteFormatted(LOG_ALWAYS, "Unable to log to intended file %s, error %d", path.c_str(),
                        static_cast<int>(error));
     }
 }
 
 void Put(uint32_t level, const char* format, va_list arguments) {
-    if (state.nesting == 0) {
+    if (logState.nesting == 0) {
         return;
     }
-    if (!state.open) {
+    if (!logState.open) {
         Open();
     }
-    if (state.open) {
+    if (logState.open) {
         WriteMessage(level, format, arguments);
     }
 }
@@ -156,33 +149,35 @@ uint32_t ReadMask() {
 
 } // namespace
 
+LogState logState;
+
 void Log_Begin(const char* name) {
-    if (state.nesting++ != 0) {
+    if (logState.nesting++ != 0) {
         return;
     }
-    state.open = false;
-    if (state.mask == MASK_UNREAD) {
-        state.mask = ReadMask();
+    logState.open = false;
+    if (logState.mask == LOG_MASK_UNREAD) {
+        logState.mask = ReadMask();
     }
-    Log_Level(LOG_BEGIN, "Begin Logging '%s' (LogLevel 0x%08x)", name, state.mask);
+    Log_Level(LOG_BEGIN, "Begin Logging '%s' (LogLevel 0x%08x)", name, logState.mask);
 }
 
 void Log_End() {
-    if (state.nesting == 0) {
+    if (logState.nesting == 0) {
         return;
     }
-    if (state.nesting == 1) {
+    if (logState.nesting == 1) {
         Log_Level(LOG_END, "End Logging");
-        if (state.open) {
+        if (logState.open) {
             LogSystemClose();
-            state.open = false;
+            logState.open = false;
         }
     }
-    state.nesting--;
+    logState.nesting--;
 }
 
 void Log_Level(uint32_t level, const char* format, ...) {
-    if ((state.mask & level) == 0) {
+    if ((logState.mask & level) == 0) {
         return;
     }
     va_list arguments;
