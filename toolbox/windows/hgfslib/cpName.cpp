@@ -78,12 +78,13 @@ bool CPNameEscapeAndConvertFrom(CPNameCursor* cursor, char separator) {
     if (escaped == 0) {
         return CPNameConvertFrom(cursor, separator);
     }
-    if (static_cast<size_t>(escaped) > cursor->room) {
-        Warning("%s: error: not enough room for escaping\n", "CPNameEscapeAndConvertFrom");
-        return false;
+    // The escaped name goes one byte into the output, where it is then converted in place.
+    ptrdiff_t length = -1;
+    if (static_cast<size_t>(escaped) <= cursor->room) {
+        length = HgfsEscape_Apply(cursor->in, cursor->inSize, cursor->room - 1, cursor->out + 1);
     }
-    ptrdiff_t length = HgfsEscape_Apply(cursor->in, cursor->inSize, cursor->room - 1, cursor->out + 1);
     if (length < 0) {
+        Warning("%s: error: not enough room for escaping\n", "CPNameEscapeAndConvertFrom");
         return false;
     }
     CPNameCursor inPlace = {cursor->out, static_cast<size_t>(length), cursor->out, cursor->room};

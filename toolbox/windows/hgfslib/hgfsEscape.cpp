@@ -81,22 +81,27 @@ size_t ReservedLength(std::string_view component) {
     return 0;
 }
 
-// Whether a '%' at this position stands where the escape puts one behind a device name or a trailing
-// character.
-bool LooksLikeEscape(std::string_view component, size_t position) {
-    if (position + 1 == component.size() && IsTrailing(component[position - 1])) {
-        return true;
+// Where the escape of a device name stands in this component; npos when there is none.
+size_t DeviceEscape(std::string_view component) {
+    if (component.size() > 3 && component[3] == kEscape && EndsOrDot(component, 4) &&
+        BeginsWithDevice(component)) {
+        return 3;
     }
-    if (position == 3) {
-        return EndsOrDot(component, 4) && BeginsWithDevice(component);
+    if (component.size() > 4 && component[4] == kEscape && EndsOrDot(component, 5) &&
+        BeginsWithNumberedDevice(component)) {
+        return 4;
     }
-    return position == 4 && EndsOrDot(component, 5) && BeginsWithNumberedDevice(component);
+    return std::string_view::npos;
 }
 
 // Whether the '%' at this position reads as an escape, in an unescaped or an escaped component alike.
-bool IsEscape(std::string_view component, size_t position) {
-    return position > 0 && (kBytes.introduces[static_cast<uint8_t>(component[position - 1])] ||
-                            LooksLikeEscape(component, position));
+bool IsEscape(std::string_view component, size_t position, size_t deviceEscape) {
+    if (position == 0) {
+        return false;
+    }
+    char before = component[position - 1];
+    return kBytes.introduces[static_cast<uint8_t>(before)] || position == deviceEscape ||
+           (position + 1 == component.size() && IsTrailing(before));
 }
 
 bool NeedsTrailingEscape(std::string_view component) {
@@ -105,11 +110,13 @@ bool NeedsTrailingEscape(std::string_view component) {
 
 // How many bytes the escape adds to a component: each rule that fires inserts one.
 size_t CountEscapes(std::string_view component) {
+    const size_t deviceEscape = DeviceEscape(component);
     size_t position = ReservedLength(component);
     size_t count = position > 0 ? 1 : 0;
     for (; position < component.size(); ++position) {
         auto byte = static_cast<uint8_t>(component[position]);
-        if (kBytes.special[byte] && (component[position] != kEscape || IsEscape(component, position))) {
+        if (kBytes.special[byte] &&
+            (component[position] != kEscape || IsEscape(component, position, deviceEscape))) {
             ++count;
         }
     }
@@ -145,6 +152,7 @@ private:
 };
 
 bool ApplyToComponent(std::string_view component, BoundedOutput* out) {
+    const size_t deviceEscape = DeviceEscape(component);
     size_t position = ReservedLength(component);
     if (position > 0 && !(out->Put(component.substr(0, position)) && out->Put(kEscape))) {
         return false;
@@ -152,9 +160,10 @@ bool ApplyToComponent(std::string_view component, BoundedOutput* out) {
     for (; position < component.size(); ++position) {
         char c = component[position];
         char substitute = kBytes.substitute[static_cast<uint8_t>(c)];
-        bool written = substitute != '\0'                              ? out->Put(substitute, kEscape)
-                       : c == kEscape && IsEscape(component, position) ? out->Put(kEscapedEscape, c)
-                                                                       : out->Put(c);
+        bool written = substitute != '\0' ? out->Put(substitute, kEscape)
+                       : c == kEscape && IsEscape(component, position, deviceEscape)
+                           ? out->Put(kEscapedEscape, c)
+                           : out->Put(c);
         if (!written) {
             return false;
         }
@@ -163,12 +172,13 @@ bool ApplyToComponent(std::string_view component, BoundedOutput* out) {
 }
 
 // Undoes the escape of one component, reading from `component` and writing at `out`, which is never ahead of
-// it. What has been written by then never changes a later decision: an escape is removed only behind a byte
-// that no device name contains.
+// it: the byte in front of the one that is looked at is still the component's own, the ones before may not
+// be.
 char* ReverseComponent(std::string_view component, char* out) {
+    const size_t deviceEscape = DeviceEscape(component);
     for (size_t position = 0; position < component.size(); ++position) {
         char c = component[position];
-        if (c != kEscape || !IsEscape(component, position)) {
+        if (c != kEscape || !IsEscape(component, position, deviceEscape)) {
             *out++ = c;
             continue;
         }

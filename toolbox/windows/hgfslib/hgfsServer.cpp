@@ -1,9 +1,6 @@
-// Registration with the host channel, sessions, and the dispatch of packets.
-#include "hgfslib/hgfsServer.h"
-
+// The server's state, its session, and the dispatch of packets.
 #include "hgfslib/hgfsServerInt.h"
 #include "misc/diag.h"
-#include "rpcout/rpcout.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,8 +10,6 @@
 HgfsServerState hgfsServer;
 
 namespace {
-
-const char kCommand[] = "f";
 
 // In the order of the operation numbers; the names, versions and smallest sizes are kHgfsOps'.
 constexpr std::array<HgfsHandler, HgfsOpCount> kHandlers = {
@@ -36,22 +31,6 @@ static_assert(kHandlers[HgfsOpQueryVolumeInfo] == HgfsServerQueryVolume);
 static_assert(kHandlers[HgfsOpSearchReadV2] == HgfsServerSearchRead &&
               kHandlers[HgfsOpRenameV2] == HgfsServerRename);
 static_assert(kHandlers[HgfsOpQueryVolumeInfoV3] == HgfsServerQueryVolume);
-
-// Every reply to the channel is handed over in here.
-uint8_t replyBuffer[kHgfsLargePacketMax];
-
-bool HandleCommand(const char** result, uint64_t* resultLength, const char*, const char* args,
-                   uint64_t argsSize, void*) {
-    if (argsSize == 0) {
-        return RpcIn_SetResult(result, resultLength, "1 argument required", false);
-    }
-    // The first byte is the blank behind the command's name.
-    size_t size = argsSize - 1;
-    HgfsServer_HandlePacket(reinterpret_cast<const uint8_t*>(args + 1), replyBuffer, &size);
-    *result = reinterpret_cast<const char*>(replyBuffer);
-    *resultLength = size;
-    return true;
-}
 
 // Runs the handler of a packet that is long enough for its header.
 uint32_t CallHandler(std::span<const uint8_t> packet, HgfsSession* session) {
@@ -97,31 +76,6 @@ void HgfsServerShutDown() {
     hgfsServer.platform->shutDown();
     hgfsServer.pending = {};
     hgfsServer.shares.clear();
-}
-
-bool HgfsServer_RegisterWithChannel(RpcIn* in, const char* applicationName) {
-    if (!HgfsServerStartUp(HgfsPlatform_System(), kHgfsMaxCachedNodes, nullptr)) {
-        return false;
-    }
-    if (in == nullptr) {
-        return true;
-    }
-    RpcIn_RegisterCallback(in, kCommand, HandleCommand, nullptr);
-    HgfsServer_SendCapability(applicationName, true);
-    return true;
-}
-
-void HgfsServer_UnregisterFromChannel(RpcIn* in, const char* applicationName) {
-    HgfsServer_SendCapability(applicationName, false);
-    if (in != nullptr) {
-        RpcIn_UnregisterCallback(in, kCommand);
-    }
-    HgfsServerShutDown();
-}
-
-bool HgfsServer_SendCapability(const char* applicationName, bool enabled) {
-    return RpcOut_SendRequest(nullptr, nullptr, "tools.capability.hgfs_server %s %s", applicationName,
-                              enabled ? "1" : "0");
 }
 
 HgfsSession* HgfsServerCreateSession() {
