@@ -3,9 +3,9 @@
 
 #include "memoryFs.h"
 
-#include "support/diagCapture.h"
 #include "hgfslib/hgfsServerInt.h"
 #include "sim/hgfsPackets.h"
+#include "support/diagCapture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -88,15 +88,16 @@ inline uint32_t MustOpen(std::string name) {
     return answer.reply.handle;
 }
 
-inline HgfsPackets_Reply ReadFile(uint32_t handle, uint64_t offset, uint32_t size, HgfsOp op = HgfsOpReadV3) {
+inline HgfsPackets_Reply ReadHandle(uint32_t handle, uint64_t offset, uint32_t size,
+                                    HgfsOp op = HgfsOpReadV3) {
     HgfsPackets_Request request = OnHandle(op, handle);
     request.offset = offset;
     request.size = size;
     return Ask(request).reply;
 }
 
-inline HgfsPackets_Reply WriteFile(uint32_t handle, uint64_t offset, std::string_view data,
-                                   HgfsOp op = HgfsOpWriteV3, uint8_t writeFlags = 0) {
+inline HgfsPackets_Reply WriteHandle(uint32_t handle, uint64_t offset, std::string_view data,
+                                     HgfsOp op = HgfsOpWriteV3, uint8_t writeFlags = 0) {
     HgfsPackets_Request request = OnHandle(op, handle);
     request.offset = offset;
     request.size = static_cast<uint32_t>(data.size());

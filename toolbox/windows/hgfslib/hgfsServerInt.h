@@ -213,8 +213,8 @@ uint32_t HgfsServer_MapNameStatus(uint32_t status); // a Windows error; an unkno
 // ---- Names ----
 
 struct HgfsShareInfo {
-    bool readAllowed;
-    bool writeAllowed;
+    bool readAllowed = false;
+    bool writeAllowed = false;
     std::string shareName;
     std::string path;
 };
@@ -358,10 +358,9 @@ struct HgfsTarget {
     bool writeAllowed = false;
 };
 
-// `behind` and `next` as for HgfsServerReadName: the name block has to be well formed even when the handle
-// counts.
+// The name block has to be well formed even when the handle counts.
 uint32_t HgfsServerReadTarget(HgfsPacketReader* reader, const HgfsTargetLayout& layout, HgfsSession* session,
-                              HgfsTarget* target, size_t behind = 0, size_t* next = nullptr);
+                              HgfsTarget* target);
 
 // ---- Attributes (hgfsServerAttr.cpp) ----
 

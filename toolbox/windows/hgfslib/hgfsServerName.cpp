@@ -15,10 +15,10 @@ HgfsTargetLayout HgfsServerTargetLayout(HgfsOp op) {
 }
 
 uint32_t HgfsServerReadTarget(HgfsPacketReader* reader, const HgfsTargetLayout& layout, HgfsSession* session,
-                              HgfsTarget* target, size_t behind, size_t* next) {
+                              HgfsTarget* target) {
     const HgfsOp op = static_cast<HgfsOp>(reader->U32(HgfsRequestHeader::Op));
     HgfsRequestName name;
-    uint32_t error = HgfsServerReadName(reader, layout.name, kHgfsOps[op].version, &name, behind, next);
+    uint32_t error = HgfsServerReadName(reader, layout.name, kHgfsOps[op].version, &name);
     if (error != HgfsErrorNone) {
         return error;
     }
@@ -161,13 +161,18 @@ uint32_t HgfsServerRename(std::span<const uint8_t> packet, HgfsSession* session)
     const HgfsOp op = HgfsRequestOp(packet);
     const uint32_t version = kHgfsOps[op].version;
     const size_t emptyName = version == 3 ? HgfsNameV3::EmptySize : HgfsNameV1::EmptySize;
-    HgfsTarget from;
+    const HgfsTargetLayout layout = RenameLayout(op);
+    HgfsRequestName oldName;
     HgfsRequestName newName;
-    HgfsShareInfo to;
     size_t newNameAt = 0;
-    uint32_t error = HgfsServerReadTarget(&reader, RenameLayout(op), session, &from, emptyName, &newNameAt);
+    uint32_t error = HgfsServerReadName(&reader, layout.name, version, &oldName, emptyName, &newNameAt);
     if (error == HgfsErrorNone) {
         error = HgfsServerReadName(&reader, newNameAt, version, &newName);
+    }
+    HgfsTarget from;
+    HgfsShareInfo to;
+    if (error == HgfsErrorNone) {
+        error = HgfsServerReadTarget(&reader, layout, session, &from);
     }
     if (error == HgfsErrorNone) {
         error = HgfsServerResolveForChange(newName, &to);
