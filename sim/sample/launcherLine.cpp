@@ -1,7 +1,5 @@
 #include "sim/sample/launcherLine.h"
 
-#include <optional>
-
 namespace {
 
 bool IsBlank(wchar_t c) {
@@ -14,71 +12,80 @@ bool OpensInnerPart(std::wstring_view text, size_t at) {
     return before && at + 1 < text.size() && !IsBlank(text[at + 1]) && text[at + 1] != L'"';
 }
 
-// Reads what stands behind /v, which is quoted as a whole or ends at a blank. Moves *rest behind it.
-std::optional<std::wstring> TakeInstallerArgs(std::wstring_view* rest) {
-    std::wstring args;
-    if (rest->empty() || rest->front() != L'"') {
-        size_t end = 0;
-        while (end < rest->size() && !IsBlank((*rest)[end])) {
-            ++end;
-        }
-        args = rest->substr(0, end);
-        rest->remove_prefix(end);
-        return args;
+// Takes what stands behind /v up to a blank, moves *rest behind it and writes it to `out`.
+void TakeBareArgs(std::wstring_view* rest, wchar_t* out) {
+    while (!rest->empty() && !IsBlank(rest->front())) {
+        *out++ = rest->front();
+        rest->remove_prefix(1);
     }
+    *out = L'\0';
+}
+
+// The same for what is quoted as a whole. False when its last quote is missing.
+bool TakeQuotedArgs(std::wstring_view* rest, wchar_t* out) {
     enum class Inner { None, Plain, Escaped } inner = Inner::None;
     for (size_t i = 1; i < rest->size(); ++i) {
         const wchar_t c = (*rest)[i];
-        if (inner != Inner::Plain && rest->substr(i, 2) == L"\\\"") {
+        const bool escaped = c == L'\\' && i + 1 < rest->size() && (*rest)[i + 1] == L'"';
+        if (escaped && inner != Inner::Plain) {
             inner = inner == Inner::None ? Inner::Escaped : Inner::None;
-            args += L'"';
+            *out++ = L'"';
             ++i;
         } else if (c != L'"') {
-            args += c;
+            *out++ = c;
         } else if (inner == Inner::Plain) {
             inner = Inner::None;
-            args += c;
+            *out++ = c;
         } else if (inner == Inner::None && OpensInnerPart(*rest, i)) {
             inner = Inner::Plain;
-            args += c;
+            *out++ = c;
         } else {
             rest->remove_prefix(i + 1);
-            return args;
+            *out = L'\0';
+            return true;
         }
     }
-    return std::nullopt;
+    return false;
+}
+
+bool TakeInstallerArgs(std::wstring_view* rest, wchar_t* out) {
+    if (!rest->empty() && rest->front() == L'"') {
+        return TakeQuotedArgs(rest, out);
+    }
+    TakeBareArgs(rest, out);
+    return true;
 }
 
 } // namespace
 
 std::wstring_view LauncherLine_SkipProgram(std::wstring_view commandLine) {
     const bool quoted = !commandLine.empty() && commandLine.front() == L'"';
-    const size_t end = quoted ? commandLine.find(L'"', 1) : commandLine.find_first_of(L" \t");
-    if (end == std::wstring_view::npos) {
-        return {};
+    size_t end = quoted ? 1 : 0;
+    while (end < commandLine.size() && !(quoted ? commandLine[end] == L'"' : IsBlank(commandLine[end]))) {
+        ++end;
     }
-    return commandLine.substr(end + (quoted ? 1 : 0));
+    if (quoted && end < commandLine.size()) {
+        ++end;
+    }
+    commandLine.remove_prefix(end);
+    return commandLine;
 }
 
-bool LauncherLine_Parse(std::wstring_view line, std::wstring* installerArgs) {
-    std::wstring found;
+bool LauncherLine_Parse(std::wstring_view line, wchar_t* installerArgs) {
+    *installerArgs = L'\0';
     for (;;) {
         while (!line.empty() && IsBlank(line.front())) {
             line.remove_prefix(1);
         }
         if (line.empty()) {
-            *installerArgs = std::move(found);
             return true;
         }
-        const std::wstring_view option = line.substr(0, 2);
-        line.remove_prefix(option.size());
-        if (option == L"/v") {
-            auto args = TakeInstallerArgs(&line);
-            if (!args) {
-                return false;
-            }
-            found = std::move(*args);
-        } else if (option != L"/s" && option != L"/w") {
+        const wchar_t option = line.size() >= 2 && line[0] == L'/' ? line[1] : L'\0';
+        if (option != L's' && option != L'v' && option != L'w') {
+            return false;
+        }
+        line.remove_prefix(2);
+        if (option == L'v' && !TakeInstallerArgs(&line, installerArgs)) {
             return false;
         }
         if (!line.empty() && !IsBlank(line.front())) {

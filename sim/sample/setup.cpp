@@ -11,54 +11,49 @@
 //   Record=file         writes the command line that it was called with into this file, as UTF-16 text
 #include <windows.h>
 
-#include <string>
+#include <cwchar>
 
 #include "misc/win32Handle.h"
 #include "sim/sample/launcherLine.h"
 
 namespace {
 
-constexpr wchar_t kPackage[] = L"Ravlin Tools.msi";
-constexpr UINT kBadCommandLine = ERROR_INVALID_PARAMETER;
+constexpr wchar_t PACKAGE[] = L"Ravlin Tools.msi";
+constexpr size_t COMMAND_LINE_MAX = 32768; // of Windows, with the terminator
 
-std::wstring OwnFolder() {
+wchar_t folder[MAX_PATH];   // that this program is in, with its trailing separator
+wchar_t settings[MAX_PATH]; // setup.ini
+
+void FindOwnFiles() {
+    GetModuleFileNameW(nullptr, folder, ARRAYSIZE(folder));
+    *(wcsrchr(folder, L'\\') + 1) = L'\0';
+    _snwprintf(settings, ARRAYSIZE(settings) - 1, L"%lssetup.ini", folder);
+}
+
+UINT NumberSetting(const wchar_t* key) {
+    return GetPrivateProfileIntW(L"Setup", key, 0, settings);
+}
+
+void RecordCommandLine() {
     wchar_t path[MAX_PATH] = L"";
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    const std::wstring whole(path);
-    return whole.substr(0, whole.rfind(L'\\') + 1);
-}
-
-std::wstring SystemFolder() {
-    wchar_t path[MAX_PATH] = L"";
-    GetSystemDirectoryW(path, MAX_PATH);
-    return std::wstring(path) + L'\\';
-}
-
-std::wstring Setting(const std::wstring& folder, const wchar_t* key, const wchar_t* otherwise) {
-    wchar_t value[MAX_PATH] = L"";
-    GetPrivateProfileStringW(L"Setup", key, otherwise, value, ARRAYSIZE(value),
-                             (folder + L"setup.ini").c_str());
-    return value;
-}
-
-UINT NumberSetting(const std::wstring& folder, const wchar_t* key) {
-    return static_cast<UINT>(wcstoul(Setting(folder, key, L"0").c_str(), nullptr, 0));
-}
-
-void RecordCommandLine(const std::wstring& path) {
-    const FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    const std::wstring text = L'\xFEFF' + std::wstring(GetCommandLineW());
+    GetPrivateProfileStringW(L"Setup", L"Record", L"", path, ARRAYSIZE(path), settings);
+    if (path[0] == L'\0') {
+        return;
+    }
+    const FileHandle file(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    const wchar_t mark = L'\xFEFF';
+    const wchar_t* line = GetCommandLineW();
     DWORD written = 0;
-    WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size() * sizeof(wchar_t)), &written, nullptr);
+    WriteFile(file.Get(), &mark, sizeof mark, &written, nullptr);
+    WriteFile(file.Get(), line, static_cast<DWORD>(wcslen(line) * sizeof *line), &written, nullptr);
 }
 
 // Runs a program to its end and gives its exit code, or the error that kept it from starting.
-DWORD RunToEnd(const std::wstring& program, std::wstring commandLine) {
+DWORD RunToEnd(const wchar_t* program, wchar_t* commandLine) {
     STARTUPINFOW start = {};
     start.cb = sizeof start;
     PROCESS_INFORMATION child = {};
-    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                        &start, &child)) {
+    if (!CreateProcessW(program, commandLine, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &child)) {
         return GetLastError();
     }
     const KernelHandle thread(child.hThread);
@@ -69,31 +64,37 @@ DWORD RunToEnd(const std::wstring& program, std::wstring commandLine) {
     return code;
 }
 
-DWORD Install(const std::wstring& folder) {
-    std::wstring args;
-    if (!LauncherLine_Parse(LauncherLine_SkipProgram(GetCommandLineW()), &args)) {
-        return kBadCommandLine;
+DWORD Install() {
+    static wchar_t args[COMMAND_LINE_MAX];
+    static wchar_t line[COMMAND_LINE_MAX];
+    if (!LauncherLine_Parse(LauncherLine_SkipProgram(GetCommandLineW()), args)) {
+        return ERROR_INVALID_PARAMETER;
     }
-    const std::wstring msiexec = SystemFolder() + L"msiexec.exe";
-    const DWORD code = RunToEnd(msiexec, L"\"" + msiexec + L"\" /i \"" + folder + kPackage + L"\" " + args);
-    return code != 0 ? code : NumberSetting(folder, L"ExitCode");
+    wchar_t msiexec[MAX_PATH] = L"";
+    GetSystemDirectoryW(msiexec, ARRAYSIZE(msiexec));
+    wcsncat(msiexec, L"\\msiexec.exe", ARRAYSIZE(msiexec) - wcslen(msiexec) - 1);
+    if (_snwprintf(line, ARRAYSIZE(line) - 1, L"\"%ls\" /i \"%ls%ls\" %ls", msiexec, folder, PACKAGE, args) <
+        0) {
+        return ERROR_BUFFER_OVERFLOW;
+    }
+    const DWORD code = RunToEnd(msiexec, line);
+    return code != 0 ? code : NumberSetting(L"ExitCode");
 }
 
 } // namespace
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR, int) {
-    const std::wstring folder = OwnFolder();
-    if (const std::wstring record = Setting(folder, L"Record", L""); !record.empty()) {
-        RecordCommandLine(record);
-    }
-    Sleep(NumberSetting(folder, L"DelayMs"));
-    const std::wstring behaviour = Setting(folder, L"Behaviour", L"install");
-    if (behaviour == L"crash") {
+    FindOwnFiles();
+    RecordCommandLine();
+    Sleep(NumberSetting(L"DelayMs"));
+    wchar_t behaviour[16] = L"";
+    GetPrivateProfileStringW(L"Setup", L"Behaviour", L"install", behaviour, ARRAYSIZE(behaviour), settings);
+    if (wcscmp(behaviour, L"crash") == 0) {
         *static_cast<volatile int*>(nullptr) = 1;
-    } else if (behaviour == L"hang") {
+    } else if (wcscmp(behaviour, L"hang") == 0) {
         Sleep(INFINITE);
-    } else if (behaviour == L"exit") {
-        return static_cast<int>(NumberSetting(folder, L"ExitCode"));
+    } else if (wcscmp(behaviour, L"exit") == 0) {
+        return static_cast<int>(NumberSetting(L"ExitCode"));
     }
-    return static_cast<int>(Install(folder));
+    return static_cast<int>(Install());
 }
