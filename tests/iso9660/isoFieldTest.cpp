@@ -277,13 +277,15 @@ TEST(IsoFieldLevel4, DependsOnTheOrderOfDescriptors) {
         GTEST_SKIP() << missing;
     }
     TestFolder folder;
-    std::string end = " -quiet -iso-level 4 -J -o " + Quoted(folder.Path("image.iso")) + " " +
-                      Quoted(folder.Make("source")) + " 2>/dev/null";
-    ASSERT_TRUE(RunTool("genisoimage" + end));
-    EXPECT_EQ(OpenedImage(folder.Path("image.iso"), JOLIET).result, Result::BadFormat);
-    EXPECT_EQ(OpenedImage(folder.Path("image.iso"), ROCK).result, Result::Success);
-    ASSERT_TRUE(RunTool("xorriso -as mkisofs" + end));
-    EXPECT_EQ(OpenedImage(folder.Path("image.iso"), JOLIET).result, Result::Success);
+    std::string options = " -quiet -iso-level 4 -J -o ";
+    std::string from = " " + Quoted(folder.Make("source")) + " 2>/dev/null";
+    std::string first = folder.Path("first.iso");
+    std::string last = folder.Path("last.iso");
+    ASSERT_TRUE(RunTool("genisoimage" + options + Quoted(first) + from));
+    ASSERT_TRUE(RunTool("xorriso -as mkisofs" + options + Quoted(last) + from));
+    EXPECT_EQ(OpenedImage(first, JOLIET).result, Result::BadFormat);
+    EXPECT_EQ(OpenedImage(first, ROCK).result, Result::Success);
+    EXPECT_EQ(OpenedImage(last, JOLIET).result, Result::Success);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tools, IsoFieldNames, testing::ValuesIn(FIELD_CASES), CaseName);
