@@ -22,6 +22,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 HOME = ROOT / "build" / "wine"
 STAMP = ".rl-prefix"  # marks a folder as ours, to be removed without asking
 BOOT_LIMIT = 300  # seconds
+RECIPE = 2  # changes when a template made earlier will no longer do
+AE_DEBUG = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
 
 
 def environment(prefix, base=None):
@@ -63,6 +65,9 @@ def _boot(prefix):
     with open(log, "wb") as out:
         subprocess.run(["wineboot", "-i"], env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
                        timeout=BOOT_LIMIT, check=True)
+        # A program that crashes ends at once; Wine's own debugger would hold it, and its files, for seconds.
+        subprocess.run(["wine", "reg", "add", AE_DEBUG, "/v", "Debugger", "/d", "", "/f"], env=env,
+                       stdin=subprocess.DEVNULL, stdout=out, stderr=out, timeout=BOOT_LIMIT, check=True)
         subprocess.run(["wineserver", "-w"], env=env, timeout=BOOT_LIMIT, check=True)
     if not (prefix / "system.reg").exists():
         raise RuntimeError(f"wineboot made no prefix, see {log}")
@@ -79,7 +84,7 @@ def _unlink_home(prefix):
 
 def template():
     """The folder of the prepared prefix, made on the first call."""
-    name = "template-" + "".join(c if c.isalnum() else "-" for c in _wine_version())
+    name = f"template-{RECIPE}-" + "".join(c if c.isalnum() else "-" for c in _wine_version())
     target = HOME / name
     HOME.mkdir(parents=True, exist_ok=True)
     with open(HOME / "template.lock", "w") as lock:
