@@ -279,6 +279,7 @@ TEST(IsoFieldLevel4, DependsOnTheOrderOfDescriptors) {
     TestFolder folder;
     std::string options = " -quiet -iso-level 4 -J -o ";
     std::string from = " " + Quoted(folder.Make("source")) + " 2>/dev/null";
+    folder.Write("source/file", {1, 2, 3});
     std::string first = folder.Path("first.iso");
     std::string last = folder.Path("last.iso");
     ASSERT_TRUE(RunTool("genisoimage" + options + Quoted(first) + from));
