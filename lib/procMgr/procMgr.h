@@ -5,8 +5,9 @@
 
 #include <cstdint>
 
-struct _SECURITY_ATTRIBUTES; // the system's own records
-struct _STARTUPINFOW;
+// The system's own records.
+struct _SECURITY_ATTRIBUTES; // NOLINT(bugprone-reserved-identifier)
+struct _STARTUPINFOW;        // NOLINT(bugprone-reserved-identifier)
 
 struct ProcMgr_AsyncProc; // owned by the caller until ProcMgr_Free
 

@@ -95,10 +95,10 @@ Module LoadSystemLibrary(const wchar_t* name) {
 }
 
 RebootAnswer AskConsoleSession(const UpgraderConsoleSession& console, RebootPrompt prompt) {
-    constexpr HANDLE THIS_SERVER = nullptr;
+    HANDLE thisServer = nullptr;
     DWORD answer = 0;
     DWORD session = console.activeSession();
-    if (!console.sendMessage(THIS_SERVER, session, prompt.title.data(),
+    if (!console.sendMessage(thisServer, session, prompt.title.data(),
                              static_cast<DWORD>(prompt.title.size() * sizeof(wchar_t)), prompt.message.data(),
                              static_cast<DWORD>(prompt.message.size() * sizeof(wchar_t)), PROMPT_STYLE,
                              PROMPT_SECONDS, &answer, TRUE)) {
