@@ -25,11 +25,11 @@ inline constexpr uint32_t COREDUMP_IN_PAGE_ERROR = 0xC0000006;
 const char* CoreDumpExceptionName(uint32_t code);
 
 struct CoreDumpException {
-    uint32_t code;
-    uint64_t address; // of the instruction
-    uint32_t eflags;
-    uint64_t rax, rbx, rcx, rdx, rsi, rdi, rbp, rsp;
-    std::span<const uint64_t> parameters; // a memory fault: 0 read or 1 write, then the address
+    uint32_t code = 0;
+    uint64_t address = 0; // of the instruction
+    uint32_t eflags = 0;
+    uint64_t rax = 0, rbx = 0, rcx = 0, rdx = 0, rsi = 0, rdi = 0, rbp = 0, rsp = 0;
+    std::span<const uint64_t> parameters = {}; // a memory fault: 0 read or 1 write, then the address
 };
 
 // The report's lines for the warning output. Takes nothing from the heap, which may be what broke.

@@ -297,8 +297,10 @@ bool CoreDumpInit(const char* directory) {
     if (!CoreDumpLoadDbgHelp()) {
         return false;
     }
-    CoreDumpReserveAddressSpace(ConfigNumber("panic.addrSpaceReservedKB", 0),
-                                ConfigBool("panic.commitAddrSpaceReserved", false));
+    if (!reservedBlock) {
+        reservedBlock = CoreDumpReserveAddressSpace(ConfigNumber("panic.addrSpaceReservedKB", 0),
+                                                    ConfigBool("panic.commitAddrSpaceReserved", false));
+    }
     const auto appData = AppDataDirectory();
     if (!appData) {
         Log_Error("CoreDump: unable to determine app data path\n");
@@ -310,20 +312,21 @@ bool CoreDumpInit(const char* directory) {
     return true;
 }
 
-void CoreDumpReserveAddressSpace(uint32_t sizeKB, bool commit) {
-    constexpr size_t LEAST_BYTES = 1024;
-    if (sizeKB == 0 || reservedBlock) {
-        return;
+void* CoreDumpReserveAddressSpace(uint32_t sizeKB, bool commit) {
+    constexpr size_t bytesPerKB = 1024;
+    constexpr size_t leastReported = 1024;
+    if (sizeKB == 0) {
+        return nullptr;
     }
     SYSTEM_INFO system;
     GetSystemInfo(&system);
     const size_t size = CoreDumpReservedBytes(sizeKB, system.dwPageSize);
-    reservedBlock =
-        VirtualAlloc(nullptr, size, commit ? MEM_COMMIT | MEM_RESERVE : MEM_RESERVE, PAGE_NOACCESS);
-    if (reservedBlock && size >= LEAST_BYTES) {
-        Log_Error("Reserved virtual address space for CoreDump(addr:%p, size:%I64uKB)\n", reservedBlock,
-                  static_cast<uint64_t>(size / 1024));
+    void* block = VirtualAlloc(nullptr, size, commit ? MEM_COMMIT | MEM_RESERVE : MEM_RESERVE, PAGE_NOACCESS);
+    if (block && size >= leastReported) {
+        Log_Error("Reserved virtual address space for CoreDump(addr:%p, size:%I64uKB)\n", block,
+                  static_cast<uint64_t>(size / bytesPerKB));
     }
+    return block;
 }
 
 const std::string& CoreDumpLastDump() {

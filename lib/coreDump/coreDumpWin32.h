@@ -46,8 +46,9 @@ std::optional<std::string> CoreDumpSymbolName(uint64_t address, bool includeModu
 // logged, when the debug-help library cannot be used or there is no such folder.
 bool CoreDumpInit(const char* directory);
 
-// Keeps a block of address space of at most 20480 KB for good, with memory behind it if `commit`.
-void CoreDumpReserveAddressSpace(uint32_t sizeKB, bool commit);
+// Takes a block of address space of at most 20480 KB that nobody may touch, with memory behind it if
+// `commit`. Null when none was asked for or none is to be had.
+void* CoreDumpReserveAddressSpace(uint32_t sizeKB, bool commit);
 
 // UTF-8 name of the last dump written, empty when there is none.
 const std::string& CoreDumpLastDump();

@@ -103,7 +103,8 @@ void Fail(const Options& options) {
             fprintf(stderr, "--- %d\n", i);
         }
     } else if (options.kind == "dump-only") {
-        printf("dump %d %s\n", CoreDump_CoreDump(nullptr), CoreDumpLastDump().c_str());
+        const bool written = CoreDump_CoreDump(nullptr);
+        printf("dump %d %s\n", written, CoreDumpLastDump().c_str());
     }
 }
 
@@ -188,6 +189,8 @@ int main(int argc, char** argv) {
             options.kind = argument;
         }
     }
+    // Neither a debugger nor a message box of the system shall wait for somebody.
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     if (options.kind == "no-slot") {
         TakeAllSlots();
     }

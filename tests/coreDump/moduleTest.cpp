@@ -60,10 +60,17 @@ TEST(CoreDumpModule, FindsTheSectionAndTheOffsetInIt) {
         uint32_t inside;
     } cases[] = {
         {0, 0, 0}, // the headers belong to no section
-        {0xFFF, 0, 0},      {0x1000, 1, 0}, {0x17FF, 1, 0x7FF},  {0x19FF, 1, 0x9FF}, // beyond the size in
-                                                                                     // memory, within that in
-                                                                                     // the file
-        {0x1A00, 0, 0},     {0x2000, 2, 0}, {0x4FFF, 2, 0x2FFF}, {0x5000, 0, 0},     {0x100001000, 0, 0},
+        {0xFFF, 0, 0},
+        {0x1000, 1, 0},
+        {0x17FF, 1, 0x7FF},
+        {0x19FF, 1, 0x9FF}, // beyond the size in
+                            // memory, within that in
+                            // the file
+        {0x1A00, 0, 0},
+        {0x2000, 2, 0},
+        {0x4FFF, 2, 0x2FFF},
+        {0x5000, 0, 0},
+        {0x100001000, 0, 0},
         {UINT64_MAX, 0, 0},
     };
     for (const auto& c : cases) {
