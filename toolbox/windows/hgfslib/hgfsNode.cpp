@@ -70,17 +70,13 @@ uint32_t Reopen(HgfsSession* session, uint32_t index) {
     return HgfsErrorNone;
 }
 
-// Where a path goes when `from` becomes `to`; false for a path that is neither `from` nor below it. Drive and
-// directory names ignore case; beyond ASCII the host's spelling has to match.
-bool FollowRename(std::string* path, std::string_view from, std::string_view to) {
+// Whether a path is `from` or lies below it. Names ignore case as far as ASCII goes; beyond that the host's
+// spelling has to match.
+bool IsAtOrBelow(std::string_view path, std::string_view from) {
     auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     auto same = [&](char l, char r) { return lower(l) == lower(r); };
-    if (path->size() < from.size() || !std::equal(from.begin(), from.end(), path->begin(), same) ||
-        (path->size() > from.size() && (*path)[from.size()] != '\\')) {
-        return false;
-    }
-    path->replace(0, from.size(), to);
-    return true;
+    return path.size() >= from.size() && std::equal(from.begin(), from.end(), path.begin(), same) &&
+           (path.size() == from.size() || path[from.size()] == '\\');
 }
 
 } // namespace
@@ -169,11 +165,23 @@ uint32_t HgfsServerGetNodeFields(HgfsSession* session, uint32_t handle, HgfsNode
     return HgfsErrorNone;
 }
 
-void HgfsServerRenameNodes(HgfsSession* session, std::string_view from, std::string_view to) {
+std::vector<HgfsNodeRename> HgfsServerPlanNodeRenames(HgfsSession* session, std::string_view from,
+                                                      std::string_view to) {
     std::lock_guard guard(session->nodeLock);
-    for (HgfsNode& node : session->nodes.Entries()) {
-        if (node.state != HgfsNodeState::Unused) {
-            FollowRename(&node.localName, from, to);
+    std::vector<HgfsNodeRename> renames;
+    for (const HgfsNode& node : session->nodes.Entries()) {
+        if (node.state != HgfsNodeState::Unused && IsAtOrBelow(node.localName, from)) {
+            renames.push_back({node.handle, std::string(to) + node.localName.substr(from.size())});
+        }
+    }
+    return renames;
+}
+
+void HgfsServerRenameNodes(HgfsSession* session, std::vector<HgfsNodeRename> renames) {
+    std::lock_guard guard(session->nodeLock);
+    for (HgfsNodeRename& rename : renames) {
+        if (auto index = session->nodes.Find(rename.handle)) {
+            session->nodes[*index].localName = std::move(rename.localName);
         }
     }
 }

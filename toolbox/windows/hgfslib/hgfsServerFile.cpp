@@ -19,7 +19,6 @@ size_t OpenReplySize(HgfsOp op) {
 // Opens the file and makes its node. The file is closed again when the node cannot be made.
 uint32_t OpenNode(HgfsSession* session, const HgfsOpenRequest& request, HgfsShareInfo share,
                   uint32_t* handle) {
-    const HgfsPlatform& platform = *hgfsServer.platform;
     HgfsOpenArguments plan;
     uint32_t error = HgfsServerPlanOpen(request, &plan);
     if (error != HgfsErrorNone) {
@@ -34,31 +33,24 @@ uint32_t OpenNode(HgfsSession* session, const HgfsOpenRequest& request, HgfsShar
     node.shareRead = share.readAllowed;
     node.shareWrite = share.writeAllowed;
     bool existed = true;
-    HgfsOsHandle file;
-    error = HgfsServerOpenFile(share, plan, &file, &existed);
+    HgfsOsHandle opened;
+    error = HgfsServerOpenFile(share, plan, &opened, &existed);
     if (error != HgfsErrorNone) {
         return error;
     }
-    struct Closer {
-        HgfsOsHandle file;
-        ~Closer() {
-            if (file != nullptr) {
-                hgfsServer.platform->close(file);
-            }
-        }
-    } closer{file};
-    error = platform.getFileId(file, &node.fileId);
+    HgfsFileOwner file(opened);
+    error = hgfsServer.platform->getFileId(file.Get(), &node.fileId);
     if (error != HgfsErrorNone) {
         return error;
     }
     const bool appends = (plan.access & kHgfsAccessAppendData) && !(plan.access & kHgfsAccessWriteData);
-    node.osHandle = file;
+    node.osHandle = file.Get();
     node.flags = static_cast<uint8_t>((appends ? kHgfsNodeAppend : 0) |
                                       ((request.mode & kHgfsModeSequential) ? kHgfsNodeSequential : 0) |
                                       (existed ? 0 : kHgfsNodeCreated));
     error = HgfsServerAddNode(session, std::move(node), handle);
     if (error == HgfsErrorNone) {
-        closer.file = nullptr;
+        file.Release();
     }
     return error;
 }

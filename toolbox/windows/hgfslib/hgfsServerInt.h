@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 // ---- Tables ----
@@ -210,6 +211,24 @@ void HgfsServerReleaseSession(HgfsSession* session);
 HgfsStatus HgfsServer_MapStatus(uint32_t error);
 uint32_t HgfsServer_MapNameStatus(uint32_t status); // a Windows error; an unknown status is fatal
 
+// Owns an open file of the platform until it is released.
+class HgfsFileOwner {
+public:
+    explicit HgfsFileOwner(HgfsOsHandle handle) : handle_(handle) {}
+    ~HgfsFileOwner() {
+        if (handle_ != nullptr) {
+            hgfsServer.platform->close(handle_);
+        }
+    }
+    HgfsFileOwner(const HgfsFileOwner&) = delete;
+    HgfsFileOwner& operator=(const HgfsFileOwner&) = delete;
+    HgfsOsHandle Get() const { return handle_; }
+    HgfsOsHandle Release() { return std::exchange(handle_, nullptr); }
+
+private:
+    HgfsOsHandle handle_;
+};
+
 // ---- Names ----
 
 struct HgfsShareInfo {
@@ -260,8 +279,15 @@ bool HgfsServerCloseNode(HgfsSession* session, uint32_t handle);
 
 uint32_t HgfsServerGetNodeFields(HgfsSession* session, uint32_t handle, HgfsNodeFields* fields);
 
-// Lets the nodes of a renamed file, or of those below a renamed directory, follow it. Throws std::bad_alloc.
-void HgfsServerRenameNodes(HgfsSession* session, std::string_view from, std::string_view to);
+// Lets the nodes of a file, or of those below a directory, follow a rename by the host: planned before it,
+// carried out when it has succeeded. The planning throws std::bad_alloc.
+struct HgfsNodeRename {
+    uint32_t handle;
+    std::string localName;
+};
+std::vector<HgfsNodeRename> HgfsServerPlanNodeRenames(HgfsSession* session, std::string_view from,
+                                                      std::string_view to);
+void HgfsServerRenameNodes(HgfsSession* session, std::vector<HgfsNodeRename> renames);
 
 // Puts a node whose file is open at the most recently used end of the cache, closing another one's file when
 // the cache is full. The node lock is held.

@@ -187,11 +187,12 @@ uint32_t HgfsServerRename(std::span<const uint8_t> packet, HgfsSession* session)
     if (!reply) {
         return HgfsErrorNotEnoughMemory;
     }
+    std::vector<HgfsNodeRename> renames = HgfsServerPlanNodeRenames(session, from.path, to.path);
     error = hgfsServer.platform->rename(from.path, to.path);
     if (error != HgfsErrorNone) {
         return error;
     }
-    HgfsServerRenameNodes(session, from.path, to.path);
+    HgfsServerRenameNodes(session, std::move(renames));
     return HgfsServerFinish(session, packet, std::move(reply));
 }
 

@@ -81,14 +81,14 @@ uint32_t TruncateFirst(const std::string& path, uint32_t share, uint32_t* attrib
     if (error != HgfsErrorNone) {
         return error;
     }
+    HgfsFileOwner file(handle);
     error = platform.getAttributes(path, attributes);
-    if (error == HgfsErrorNone) {
-        HgfsFileChange change{};
-        change.writeTime = change.changeTime = platform.now();
-        error = platform.changeByHandle(handle, change);
+    if (error != HgfsErrorNone) {
+        return error;
     }
-    platform.close(handle);
-    return error;
+    HgfsFileChange change{};
+    change.writeTime = change.changeTime = platform.now();
+    return platform.changeByHandle(file.Get(), change);
 }
 
 } // namespace
@@ -191,10 +191,10 @@ uint32_t HgfsServerOpenFile(const HgfsShareInfo& share, const HgfsOpenArguments&
         return truncateError != HgfsErrorNone ? truncateError : error;
     }
     // Hosts rely on being told that the file could not be emptied even where it can be opened.
+    HgfsFileOwner file(opened);
     if (truncateError != HgfsErrorNone) {
-        hgfsServer.platform->close(opened);
         return truncateError;
     }
-    *handle = opened;
+    *handle = file.Release();
     return HgfsErrorNone;
 }
