@@ -48,6 +48,22 @@ bool TakeQuotedArgs(std::wstring_view* rest, wchar_t* out) {
     return false;
 }
 
+// Removes the value of an option from *rest: blanks, then a quoted or a bare word. False when there is none.
+bool SkipValue(std::wstring_view* rest) {
+    const size_t start = rest->find_first_not_of(L" \t");
+    if (start == 0 || start == std::wstring_view::npos) {
+        return false;
+    }
+    rest->remove_prefix(start);
+    const bool quoted = rest->front() == L'"';
+    const size_t end = quoted ? rest->find(L'"', 1) : rest->find_first_of(L" \t");
+    if (quoted && end == std::wstring_view::npos) {
+        return false;
+    }
+    rest->remove_prefix(end == std::wstring_view::npos ? rest->size() : end + (quoted ? 1 : 0));
+    return true;
+}
+
 bool TakeInstallerArgs(std::wstring_view* rest, wchar_t* out) {
     if (!rest->empty() && rest->front() == L'"') {
         return TakeQuotedArgs(rest, out);
@@ -81,11 +97,12 @@ bool LauncherLine_Parse(std::wstring_view line, wchar_t* installerArgs) {
             return true;
         }
         const wchar_t option = line.size() >= 2 && line[0] == L'/' ? line[1] : L'\0';
-        if (option != L's' && option != L'v' && option != L'w') {
+        if (option != L's' && option != L'v' && option != L'w' && option != L'L') {
             return false;
         }
         line.remove_prefix(2);
-        if (option == L'v' && !TakeInstallerArgs(&line, installerArgs)) {
+        if ((option == L'v' && !TakeInstallerArgs(&line, installerArgs)) ||
+            (option == L'L' && !SkipValue(&line))) {
             return false;
         }
         if (!line.empty() && !IsBlank(line.front())) {

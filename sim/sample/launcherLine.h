@@ -1,5 +1,5 @@
-// The command line of a Setup Launcher: /s (show nothing), /w (wait for the installer) and /v"..." with what
-// is meant for the Windows Installer.
+// The command line of a Setup Launcher: /s (show nothing), /w (wait for the installer), /v"..." with what is
+// meant for the Windows Installer, and /L with a value that this launcher has no use for.
 #pragma once
 
 #include <string_view>
