@@ -421,6 +421,16 @@ int TakeTicket(const std::string& directory, LockValues* own) {
     return error;
 }
 
+// A locker whose entry directory is gone was taken for dead, and one whose directory stays will be: its
+// member does not protect it, and it has to withdraw.
+int CheckDoorwayLeft(const std::string& entryDirectory, int removalError) {
+    if (removalError != 0) {
+        Warning("FILE: %s removal of '%s' failed: %s\n", "FileLockIntrinsic", entryDirectory.c_str(),
+                strerror(removalError));
+    }
+    return removalError == FILE_ENOENT ? FILE_EAGAIN : removalError;
+}
+
 // The way through the doorway, from the claimed number to the published member.
 int PassDoorway(const std::string& directory, const EntryNames& names, LockValues* own) {
     FileLockFile file;
@@ -440,7 +450,10 @@ int PassDoorway(const std::string& directory, const EntryNames& names, LockValue
     }
     own->memberName = names.memberName;
     error = CreateMemberFile(*own, names, &file);
-    FileRemoveDirectoryRetry(names.directory.c_str(), BUDGET_MS);
+    int removed = FileRemoveDirectoryRetry(names.directory.c_str(), BUDGET_MS);
+    if (error == 0) {
+        error = CheckDoorwayLeft(names.directory, removed);
+    }
     if (error != 0) {
         FileDeletionRetry(names.entryFile.c_str(), false, BUDGET_MS);
         FileDeletionRetry(names.memberFile.c_str(), false, BUDGET_MS);

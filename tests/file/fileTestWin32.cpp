@@ -19,6 +19,27 @@ std::filesystem::path NewDirectory() {
            (L"file-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++));
 }
 
+// Not left to the standard library, which does not follow names beyond the usual limit.
+void RemoveTree(const std::wstring& directory) {
+    WIN32_FIND_DATAW entry;
+    FindHandle search(FindFirstFileW((directory + L"\\*").c_str(), &entry));
+    for (BOOL more = static_cast<bool>(search); more; more = FindNextFileW(search.Get(), &entry)) {
+        std::wstring name = entry.cFileName;
+        if (name == L"." || name == L"..") {
+            continue;
+        }
+        std::wstring path = directory + L"\\" + name;
+        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+            RemoveTree(path);
+        } else {
+            DeleteFileW(path.c_str());
+        }
+    }
+    search.Reset();
+    RemoveDirectoryW(directory.c_str());
+}
+
 } // namespace
 
 HelperProcess::HelperProcess(const std::wstring& arguments) {
@@ -66,6 +87,7 @@ FileHolder::FileHolder(const std::wstring& file, DWORD milliseconds) {
 
 FileWin32Test::FileWin32Test() : calls_(fileWin32Calls) {
     std::filesystem::path path = NewDirectory();
+    RemoveTree(L"\\\\?\\" + path.wstring()); // of an earlier run that was ended
     std::filesystem::create_directories(path);
     directory_ = NarrowText(path.wstring());
     DiagCapture_Take();
@@ -74,8 +96,7 @@ FileWin32Test::FileWin32Test() : calls_(fileWin32Calls) {
 
 FileWin32Test::~FileWin32Test() {
     fileWin32Calls = calls_;
-    std::error_code ignored;
-    std::filesystem::remove_all(WideText(directory_), ignored);
+    RemoveTree(L"\\\\?\\" + WideText(directory_));
 }
 
 std::string FileWin32Test::Name(const std::string& name) const {
