@@ -19,11 +19,6 @@ constexpr size_t SMALL = 512;          // units converted without a second alloc
 
 std::atomic<bool> icuUsable = false;
 
-struct ConverterClose {
-    void operator()(UConverter* converter) const { ucnv_close(converter); }
-};
-using Converter = std::unique_ptr<UConverter, ConverterClose>;
-
 // --- with ICU
 
 // ICU's own stopping callback passes over characters that it holds to be ignorable; here nothing is lost
@@ -47,25 +42,89 @@ Callbacks CallbacksOf(CodeSet_Mode mode) {
     Diag_NotImplemented(UNIT, __LINE__);
 }
 
-// Null for an unknown name. ICU takes an empty one for its default encoding, which nobody asked for.
-Converter OpenConverter(const char* encoding, CodeSet_Mode mode) {
-    const Callbacks callbacks = CallbacksOf(mode);
-    if (encoding == nullptr || *encoding == '\0') {
-        return nullptr;
+struct ConverterClose {
+    void operator()(UConverter* converter) const { ucnv_close(converter); }
+};
+struct OpenConverter {
+    std::unique_ptr<UConverter, ConverterClose> icu;
+    CodeSet_Mode mode;
+    std::string encoding;
+};
+
+// Opening a converter costs several times the conversion of a name, so the last few stay open. A thread takes
+// one out while it uses it.
+constexpr size_t CACHED = 4;
+std::array<std::atomic<OpenConverter*>, CACHED> cachedConverters;
+
+void PutIntoCache(std::unique_ptr<OpenConverter> converter) {
+    for (std::atomic<OpenConverter*>& slot : cachedConverters) {
+        OpenConverter* empty = nullptr;
+        if (slot.compare_exchange_strong(empty, converter.get(), std::memory_order_acq_rel)) {
+            converter.release();
+            return;
+        }
     }
+    converter.reset(cachedConverters[0].exchange(converter.release(), std::memory_order_acq_rel));
+}
+
+std::unique_ptr<OpenConverter> TakeFromCache(const char* encoding, CodeSet_Mode mode) {
+    for (std::atomic<OpenConverter*>& slot : cachedConverters) {
+        if (slot.load(std::memory_order_relaxed) == nullptr) {
+            continue;
+        }
+        std::unique_ptr<OpenConverter> converter(slot.exchange(nullptr, std::memory_order_acq_rel));
+        if (converter && converter->mode == mode && converter->encoding == encoding) {
+            return converter;
+        }
+        if (converter) {
+            PutIntoCache(std::move(converter));
+        }
+    }
+    return nullptr;
+}
+
+std::unique_ptr<OpenConverter> Open(const char* encoding, CodeSet_Mode mode) {
     UErrorCode status = U_ZERO_ERROR;
-    Converter converter(ucnv_open(encoding, &status));
+    std::unique_ptr<OpenConverter> converter(new OpenConverter{nullptr, mode, encoding});
+    converter->icu.reset(ucnv_open(encoding, &status));
     if (U_SUCCESS(status)) {
-        ucnv_setToUCallBack(converter.get(), callbacks.decode, nullptr, nullptr, nullptr, &status);
-        ucnv_setFromUCallBack(converter.get(), callbacks.encode, nullptr, nullptr, nullptr, &status);
+        const Callbacks callbacks = CallbacksOf(mode);
+        ucnv_setToUCallBack(converter->icu.get(), callbacks.decode, nullptr, nullptr, nullptr, &status);
+        ucnv_setFromUCallBack(converter->icu.get(), callbacks.encode, nullptr, nullptr, nullptr, &status);
     }
     return U_SUCCESS(status) ? std::move(converter) : nullptr;
 }
 
+// A converter of the cache or a new one, given back at the end.
+class Converter {
+public:
+    Converter(const char* encoding, CodeSet_Mode mode) {
+        // ICU takes an empty name for its default encoding, which nobody asked for.
+        if (encoding != nullptr && *encoding != '\0') {
+            open_ = TakeFromCache(encoding, mode);
+            if (!open_) {
+                open_ = Open(encoding, mode);
+            }
+        }
+    }
+    Converter(const Converter&) = delete;
+    Converter& operator=(const Converter&) = delete;
+    ~Converter() {
+        if (open_) {
+            PutIntoCache(std::move(open_));
+        }
+    }
+    explicit operator bool() const { return open_ != nullptr; } // false for an unknown encoding
+    UConverter* Get() const { return open_->icu.get(); }
+
+private:
+    std::unique_ptr<OpenConverter> open_;
+};
+
 bool IcuConvert(const char* inputEncoding, const char* input, size_t length, const char* outputEncoding,
                 CodeSet_Mode mode, std::string* output) {
-    const Converter from = OpenConverter(inputEncoding, mode);
-    const Converter to = OpenConverter(outputEncoding, mode);
+    const Converter from(inputEncoding, mode);
+    const Converter to(outputEncoding, mode);
     if (!from || !to) {
         return false;
     }
@@ -79,7 +138,7 @@ bool IcuConvert(const char* inputEncoding, const char* input, size_t length, con
     for (bool first = true;; first = false) {
         UErrorCode status = U_ZERO_ERROR;
         char* target = output->data() + used;
-        ucnv_convertEx(to.get(), from.get(), &target, output->data() + output->size(), &source,
+        ucnv_convertEx(to.Get(), from.Get(), &target, output->data() + output->size(), &source,
                        input + length, pivot.data(), &pivotSource, &pivotTarget, pivot.data() + pivot.size(),
                        first, true, &status);
         used = static_cast<size_t>(target - output->data());
@@ -92,21 +151,20 @@ bool IcuConvert(const char* inputEncoding, const char* input, size_t length, con
 }
 
 bool IcuIsValid(const char* text, size_t length, const char* encoding) {
-    const Converter converter = OpenConverter(encoding, CodeSet_Mode::Stop);
+    const Converter converter(encoding, CodeSet_Mode::Stop);
     if (!converter) {
         return false;
     }
     // Into no room at all: what is valid ends for want of room, unless it stands for no character.
     UErrorCode status = U_ZERO_ERROR;
-    ucnv_toUChars(converter.get(), nullptr, 0, text, static_cast<int32_t>(length), &status);
+    ucnv_toUChars(converter.Get(), nullptr, 0, text, static_cast<int32_t>(length), &status);
     return status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status);
 }
 
-bool IcuToUtf16(const char* text, size_t length, char16_t* out, size_t* units) {
+bool IcuToUtf16(const char* text, size_t length, char16_t* out, size_t room, size_t* units) {
     UErrorCode status = U_ZERO_ERROR;
     int32_t result = 0;
-    const auto bytes = static_cast<int32_t>(length);
-    u_strFromUTF8(out, bytes, &result, text, bytes, &status);
+    u_strFromUTF8(out, static_cast<int32_t>(room), &result, text, static_cast<int32_t>(length), &status);
     *units = static_cast<size_t>(result);
     return U_SUCCESS(status);
 }
@@ -168,7 +226,9 @@ bool DecodeUtf16(Form form, const char* text, size_t length, CodeSet_Mode mode, 
         const auto upper = static_cast<uint8_t>(text[i + 1 - low]);
         out->push_back(static_cast<char16_t>(lower | upper << 8));
     }
-    if (length % 2 != 0 && mode == CodeSet_Mode::Substitute) {
+    // A byte too many makes one invalid part with the half of a pair that it would have completed.
+    const bool halfPair = !out->empty() && (out->back() & 0xFC00) == 0xD800;
+    if (length % 2 != 0 && mode == CodeSet_Mode::Substitute && !halfPair) {
         out->push_back(0xFFFD);
     }
     return length % 2 == 0 || mode != CodeSet_Mode::Stop;
@@ -176,7 +236,8 @@ bool DecodeUtf16(Form form, const char* text, size_t length, CodeSet_Mode mode, 
 
 void EncodeUtf16(Form form, const std::u16string& text, std::string* out) {
     const bool little = form != Form::Utf16Big;
-    for (char16_t unit : form == Form::Utf16 ? u'\xFEFF' + text : text) {
+    const bool marked = form == Form::Utf16 && !text.empty();
+    for (char16_t unit : marked ? u'\xFEFF' + text : text) {
         const auto lower = static_cast<char>(unit & 0xFF);
         const auto upper = static_cast<char>(unit >> 8);
         out->push_back(little ? lower : upper);
@@ -228,50 +289,56 @@ bool SystemEncode(const char* name, const std::u16string& text, CodeSet_Mode mod
 
 // --- both ways
 
-bool ToUtf16(const char* text, size_t length, char16_t* out, size_t* units) {
-    const size_t ascii = CodeSetUtf_AsciiLength(text, length);
-    CodeSetUtf_Widen(text, ascii, out);
+// Room for the result is what a valid text takes, or more.
+bool ToUtf16(const char* text, size_t length, char16_t* out, size_t room, size_t* units) {
+    const size_t ascii = CodeSetUtf_WidenAscii(text, length, out);
     size_t rest = 0;
     if (ascii < length &&
-        !(CodeSet_UsesIcu() ? IcuToUtf16(text + ascii, length - ascii, out + ascii, &rest)
-                            : CodeSetSystemToUtf16(text + ascii, length - ascii, out + ascii, &rest))) {
+        !(CodeSet_UsesIcu()
+              ? IcuToUtf16(text + ascii, length - ascii, out + ascii, room - ascii, &rest)
+              : CodeSetSystemToUtf16(text + ascii, length - ascii, out + ascii, room - ascii, &rest))) {
         return false;
     }
     *units = ascii + rest;
     return true;
 }
 
-bool FromUtf16(const char16_t* text, size_t units, std::string* out) {
-    const size_t ascii = CodeSetUtf_AsciiLength(text, units);
-    const size_t rest = units - ascii;
-    std::array<char, 3 * SMALL> small;
-    std::string large;
-    char* target = small.data();
-    if (ascii + 3 * rest > small.size()) {
-        large.resize(ascii + 3 * rest);
-        target = large.data();
-    }
-    CodeSetUtf_Narrow(text, ascii, target);
-    size_t length = 0;
-    if (rest > 0 &&
-        !(CodeSet_UsesIcu() ? IcuFromUtf16(text + ascii, rest, target + ascii, 3 * rest, &length)
-                            : CodeSetSystemFromUtf16(text + ascii, rest, target + ascii, &length))) {
+bool FromUtf16(const char16_t* text, size_t units, char* out, size_t room, size_t* length) {
+    const size_t ascii = CodeSetUtf_NarrowAscii(text, units, out);
+    size_t rest = 0;
+    if (ascii < units &&
+        !(CodeSet_UsesIcu()
+              ? IcuFromUtf16(text + ascii, units - ascii, out + ascii, room - ascii, &rest)
+              : CodeSetSystemFromUtf16(text + ascii, units - ascii, out + ascii, room - ascii, &rest))) {
         return false;
     }
-    if (large.empty()) {
-        out->assign(target, ascii + length);
-    } else {
-        large.resize(ascii + length);
-        large.shrink_to_fit();
-        *out = std::move(large);
+    *length = ascii + rest;
+    return true;
+}
+
+bool FromUtf16(const char16_t* text, size_t units, std::string* out) {
+    size_t length = 0;
+    if (units <= SMALL) {
+        std::array<char, 3 * SMALL> small;
+        if (!FromUtf16(text, units, small.data(), small.size(), &length)) {
+            return false;
+        }
+        out->assign(small.data(), length);
+        return true;
     }
+    std::string large(CodeSetUtf_Bytes(text, units), 0);
+    if (!FromUtf16(text, units, large.data(), large.size(), &length)) {
+        return false;
+    }
+    *out = std::move(large);
     return true;
 }
 
 void MarkSupported() {
     for (size_t i = 0; i < EncodingTable_Count(); i++) {
         UErrorCode status = U_ZERO_ERROR;
-        const Converter converter(ucnv_open(EncodingTable_Row(i).names, &status));
+        const std::unique_ptr<UConverter, ConverterClose> converter(
+            ucnv_open(EncodingTable_Row(i).names, &status));
         EncodingTable_SetSupported(i, U_SUCCESS(status));
     }
 }
@@ -280,10 +347,10 @@ void MarkSupported() {
 
 bool CodeSet_Init(const char* dataDirectory) {
     icuUsable = CodeSetSystemLoadIcuData(dataDirectory);
-    if (icuUsable) {
-        MarkSupported();
-    } else {
+    if (!icuUsable) {
         Debug("CodeSet_Init: no ICU\n");
+    } else if (!EncodingTable_IsSupported(0)) {
+        MarkSupported(); // UTF-8 has the first row and is always there, so this is once
     }
     return true;
 }
@@ -321,18 +388,16 @@ bool CodeSet_ToUtf16(const char* utf8, size_t length, CodeSet_Utf16* out) {
     size_t units = 0;
     if (length <= SMALL) {
         std::array<char16_t, SMALL> small;
-        if (!ToUtf16(utf8, length, small.data(), &units)) {
+        if (!ToUtf16(utf8, length, small.data(), small.size(), &units)) {
             return false;
         }
         out->assign(reinterpret_cast<const CodeSet_Unit*>(small.data()), units);
         return true;
     }
-    CodeSet_Utf16 large(length, 0);
-    if (!ToUtf16(utf8, length, reinterpret_cast<char16_t*>(large.data()), &units)) {
+    CodeSet_Utf16 large(CodeSetUtf_Units(utf8, length), 0);
+    if (!ToUtf16(utf8, length, reinterpret_cast<char16_t*>(large.data()), large.size(), &units)) {
         return false;
     }
-    large.resize(units);
-    large.shrink_to_fit();
     *out = std::move(large);
     return true;
 }

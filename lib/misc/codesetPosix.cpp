@@ -67,9 +67,9 @@ uint32_t CodeSetSystemAnsiPage() {
     return 1252;
 }
 
-bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t* units) {
+bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t room, size_t* units) {
     std::u16string converted;
-    if (!CodeSetUtf_Decode(text, length, CodeSet_Mode::Stop, &converted)) {
+    if (!CodeSetUtf_Decode(text, length, CodeSet_Mode::Stop, &converted) || converted.size() > room) {
         return false;
     }
     converted.copy(out, converted.size());
@@ -77,9 +77,9 @@ bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t
     return true;
 }
 
-bool CodeSetSystemFromUtf16(const char16_t* text, size_t units, char* out, size_t* length) {
+bool CodeSetSystemFromUtf16(const char16_t* text, size_t units, char* out, size_t room, size_t* length) {
     std::string converted;
-    if (!CodeSetUtf_Encode(text, units, CodeSet_Mode::Stop, &converted)) {
+    if (!CodeSetUtf_Encode(text, units, CodeSet_Mode::Stop, &converted) || converted.size() > room) {
         return false;
     }
     converted.copy(out, converted.size());

@@ -16,10 +16,9 @@ bool CodeSetSystemLoadIcuData(const char* directory);
 
 uint32_t CodeSetSystemAnsiPage();
 
-// UTF-8 to UTF-16 and back, strictly, into room that is large enough for any result: `length` units, or three
-// bytes for each unit. False for invalid text.
-bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t* units);
-bool CodeSetSystemFromUtf16(const char16_t* text, size_t units, char* out, size_t* length);
+// UTF-8 to UTF-16 and back, strictly, into room for what a valid text takes. False for invalid text.
+bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t room, size_t* units);
+bool CodeSetSystemFromUtf16(const char16_t* text, size_t units, char* out, size_t room, size_t* length);
 
 // Between UTF-16 and a code page (any but a Unicode one), appended to *out. False when the page is not
 // installed, and in stop mode for what cannot be converted; *out is then untouched. No best-fit mappings.

@@ -20,9 +20,14 @@ enum class CodeSet_Mode : uint32_t {
 size_t CodeSetUtf_AsciiLength(const char* text, size_t length);
 size_t CodeSetUtf_AsciiLength(const char16_t* text, size_t units);
 
-// Copies ASCII text from one width to the other.
-void CodeSetUtf_Widen(const char* text, size_t length, char16_t* out);
-void CodeSetUtf_Narrow(const char16_t* text, size_t units, char* out);
+// Number of units (bytes) that a valid text takes in the other form; for an invalid one, any number that is
+// no greater than three times its length.
+size_t CodeSetUtf_Units(const char* text, size_t length);
+size_t CodeSetUtf_Bytes(const char16_t* text, size_t units);
+
+// Copies the leading ASCII text from one width to the other, into as much room; gives its length.
+size_t CodeSetUtf_WidenAscii(const char* text, size_t length, char16_t* out);
+size_t CodeSetUtf_NarrowAscii(const char16_t* text, size_t units, char* out);
 
 bool CodeSetUtf_IsValid(const char* text, size_t length);
 bool CodeSetUtf_IsValid(const char16_t* text, size_t units);

@@ -153,22 +153,23 @@ uint32_t CodeSetSystemAnsiPage() {
 
 // The system's own checks are no use here: old releases let surrogates through, and none looks at UTF-16
 // before Windows Vista.
-bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t* units) {
+bool CodeSetSystemToUtf16(const char* text, size_t length, char16_t* out, size_t room, size_t* units) {
     if (!CodeSetUtf_IsValid(text, length)) {
         return false;
     }
-    const int result =
-        MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(length), Wide(out), static_cast<int>(length));
+    const int result = MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(length), Wide(out),
+                                           static_cast<int>(std::min<size_t>(room, INT_MAX)));
     *units = result;
     return result > 0;
 }
 
-bool CodeSetSystemFromUtf16(const char16_t* text, size_t units, char* out, size_t* length) {
+bool CodeSetSystemFromUtf16(const char16_t* text, size_t units, char* out, size_t room, size_t* length) {
     if (!CodeSetUtf_IsValid(text, units)) {
         return false;
     }
-    const int result = WideCharToMultiByte(CP_UTF8, 0, Wide(text), static_cast<int>(units), out,
-                                           static_cast<int>(3 * units), nullptr, nullptr);
+    const int result =
+        WideCharToMultiByte(CP_UTF8, 0, Wide(text), static_cast<int>(units), out,
+                            static_cast<int>(std::min<size_t>(room, INT_MAX)), nullptr, nullptr);
     *length = result;
     return result > 0;
 }

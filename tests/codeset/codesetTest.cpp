@@ -1,7 +1,7 @@
 #include "misc/codeset.h"
-#include "../support/diagCapture.h"
 #include "misc/codesetData.h"
 #include "misc/codesetSystem.h"
+#include "support/diagCapture.h"
 
 #include <gtest/gtest.h>
 

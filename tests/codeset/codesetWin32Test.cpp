@@ -1,7 +1,7 @@
 // The ICU data file on the real system: where it is looked for, and what counts as absent.
-#include "../support/diagCapture.h"
 #include "misc/codeset.h"
 #include "misc/win32Handle.h"
+#include "support/diagCapture.h"
 
 #include <gtest/gtest.h>
 

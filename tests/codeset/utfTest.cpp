@@ -75,6 +75,8 @@ TEST(CodeSetUtf, ConvertsValidTextBothWays) {
         std::string utf8 = "before";
         EXPECT_TRUE(CodeSetUtf_Encode(text.utf16.data(), text.utf16.size(), CodeSet_Mode::Stop, &utf8));
         EXPECT_EQ(utf8, "before" + std::string(text.utf8));
+        EXPECT_EQ(CodeSetUtf_Units(input.bytes.get(), input.size), text.utf16.size());
+        EXPECT_EQ(CodeSetUtf_Bytes(text.utf16.data(), text.utf16.size()), text.utf8.size());
     }
 }
 
@@ -109,31 +111,25 @@ TEST(CodeSetUtf, DealsWithLoneSurrogatesAsTheModeSays) {
     }
 }
 
-TEST(CodeSetUtf, FindsTheEndOfAsciiAtEveryPlace) {
+TEST(CodeSetUtf, FindsAndCopiesAsciiUpToEveryPlace) {
     for (size_t length = 0; length < 70; length++) {
-        for (size_t at = 0; at <= length; at++) {
-            std::string text(length, 'x');
-            std::u16string wide(length, u'x');
-            if (at < length) {
-                text[at] = '\x80';
-                wide[at] = 0x100;
+        for (size_t end = 0; end <= length; end++) {
+            std::string text(length, 0);
+            std::u16string wide(length, 0);
+            for (size_t i = 0; i < length; i++) {
+                text[i] = static_cast<char>(i == end ? 0x80 : i + 1);
+                wide[i] = static_cast<char16_t>(i == end ? (i % 2 == 0 ? 0x80 : 0x4100) : i + 1);
             }
-            EXPECT_EQ(CodeSetUtf_AsciiLength(text.data(), length), at);
-            EXPECT_EQ(CodeSetUtf_AsciiLength(wide.data(), length), at);
+            EXPECT_EQ(CodeSetUtf_AsciiLength(text.data(), length), end);
+            EXPECT_EQ(CodeSetUtf_AsciiLength(wide.data(), length), end);
+            // Exactly sized, for the sanitizer.
+            const std::unique_ptr<char16_t[]> widened(new char16_t[length]);
+            EXPECT_EQ(CodeSetUtf_WidenAscii(text.data(), length, widened.get()), end);
+            EXPECT_EQ(std::u16string_view(widened.get(), end), std::u16string_view(wide).substr(0, end));
+            const std::unique_ptr<char[]> narrowed(new char[length]);
+            EXPECT_EQ(CodeSetUtf_NarrowAscii(wide.data(), length, narrowed.get()), end);
+            EXPECT_EQ(std::string_view(narrowed.get(), end), std::string_view(text).substr(0, end));
         }
-    }
-}
-
-TEST(CodeSetUtf, CopiesAsciiFromOneWidthToTheOther) {
-    std::string text;
-    for (size_t length = 0; length < 70; length++) {
-        std::u16string wide(length, 0);
-        CodeSetUtf_Widen(text.data(), length, wide.data());
-        EXPECT_EQ(wide, std::u16string(text.begin(), text.end()));
-        std::string narrow(length, 0);
-        CodeSetUtf_Narrow(wide.data(), length, narrow.data());
-        EXPECT_EQ(narrow, text);
-        text += static_cast<char>(length + 1);
     }
 }
 

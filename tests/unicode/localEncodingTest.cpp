@@ -1,6 +1,6 @@
 // The start on systems with other code pages than the one that runs this: the test stands in for the system.
-#include "../support/diagCapture.h"
 #include "misc/codesetSystem.h"
+#include "support/diagCapture.h"
 #include "unicode/unicode.h"
 
 #include <gtest/gtest.h>
@@ -22,10 +22,10 @@ bool CodeSetSystemLoadIcuData(const char*) {
 uint32_t CodeSetSystemAnsiPage() {
     return ansiPage;
 }
-bool CodeSetSystemToUtf16(const char*, size_t, char16_t*, size_t*) {
+bool CodeSetSystemToUtf16(const char*, size_t, char16_t*, size_t, size_t*) {
     return false;
 }
-bool CodeSetSystemFromUtf16(const char16_t*, size_t, char*, size_t*) {
+bool CodeSetSystemFromUtf16(const char16_t*, size_t, char*, size_t, size_t*) {
     return false;
 }
 bool CodeSetSystemDecode(uint32_t, const char* text, size_t length, CodeSet_Mode, std::u16string* out) {

@@ -1,6 +1,6 @@
 // The start of the character sets. It happens once in a process, so all of it is one test, with the failures
 // first.
-#include "../support/diagCapture.h"
+#include "support/diagCapture.h"
 #include "unicode/unicode.h"
 
 #include <gtest/gtest.h>

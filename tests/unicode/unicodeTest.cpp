@@ -1,6 +1,6 @@
 #include "unicode/unicode.h"
-#include "../support/diagCapture.h"
 #include "misc/encodingTable.h"
+#include "support/diagCapture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The expansion's rules, with an environment that the test makes up, and with memory that runs out.
 #include "upgrader/win32/util.h"
-#include "../support/diagCapture.h"
+#include "support/diagCapture.h"
 #include "upgrader/win32/utilSystem.h"
 
 #include <gtest/gtest.h>
