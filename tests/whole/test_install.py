@@ -1,0 +1,310 @@
+#!/usr/bin/env python3
+"""Installers of all kinds, and the question whether to reboot: on the console session and as a box on a display.
+
+Pictures of the box, one for each language, are kept in RL_OUT.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import threading
+import time
+
+from upgrades import ROOT, Case, main, wineprefix
+
+END_SENT = "guest request: 'toolinstall.end 0'"
+ASKED = "Reboot is required to complete tools install..."
+REBOOTS = "Upgrader rebooting VM."
+SHUTS_DOWN = "Upgrader shutting down VM."
+OVERRIDES = wineprefix.environment("", {})["WINEDLLOVERRIDES"]
+QUESTION_SECONDS = 30  # until silence counts as consent
+BOX_LIMIT = 60  # seconds for the box to appear
+
+
+def image(name, setup, package=None, settings=()):
+    """A function that makes an image from the named setup program and package."""
+    def make(bench):
+        out = bench.work / f"{name}.iso"
+        if not out.exists():
+            command = [sys.executable, ROOT / "sim" / "sample" / "make_image.py", out, "--bare",
+                       "--setup", bench.sample(setup)]
+            command += ["--package", bench.sample(package)] if package else []
+            command += [text for setting in settings for text in ("--set", setting)]
+            subprocess.run(command, check=True, timeout=60)
+        return out
+    return make
+
+
+LAUNCHER = "launcher/setup.exe"
+PLAIN = "plain/setup.exe"
+PACKAGE = image("package", LAUNCHER, "small.msi")
+PLAIN_PACKAGE = image("plain-package", PLAIN, "small.msi")
+REFUSING = image("refusing", LAUNCHER, "installers/refuses.msi")
+REBOOTING = image("rebooting", LAUNCHER, "installers/reboots.msi")
+WANTS_REBOOT = image("wants-reboot", LAUNCHER, settings=["Behaviour=exit", "ExitCode=3010"])
+NSIS = image("nsis", "installers/nsis.exe")
+EARLY = image("early", "installers/early.exe")
+HANDLES = image("handles", "installers/handles.exe")
+
+
+def wine(bench, *command):
+    return subprocess.run(["wine", *command], env=wineprefix.environment(bench.prefix), stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=120, check=False)
+
+
+def log(bench):
+    """The installer log without its time stamps."""
+    texts = [path.read_text("utf-8", "replace") for path in (bench.prefix / "drive_c" / "users").rglob("rlinst.log")]
+    return re.sub(r"^inst : \S+ \S+ ", "", "\n".join(texts), flags=re.M)
+
+
+def logged(*lines):
+    """A check that the installer log holds these lines, in this order."""
+    def check(bench, _run):
+        text, place = log(bench), 0
+        for line in lines:
+            found = text.find(line, place)
+            assert found >= 0, f"not in rlinst.log: {line!r}\n{text}"
+            place = found + len(line)
+    return check
+
+
+def every(*checks):
+    def check(bench, run):
+        for each in checks:
+            each(bench, run)
+    return check
+
+
+def installed(folder):
+    """A check that there are files in this folder of Program Files; takes them away again."""
+    def check(bench, _run):
+        place = bench.prefix / "drive_c" / "Program Files" / folder
+        assert any(path.is_file() for path in place.rglob("*")), f"nothing in {place}"
+        wine(bench, "msiexec", "/x", str(bench.sample("small.msi")), "/qn")
+        shutil.rmtree(place, ignore_errors=True)
+    return check
+
+
+def nothing_installed(bench, _run):
+    assert not (bench.prefix / "drive_c" / "Program Files" / "Ravlin Tools refused").exists()
+
+
+def msi_log(bench, run):
+    path = bench.unix(run.root + "\\rlmsi.log")
+    assert path.stat().st_size > 0, f"{path} is empty"
+
+
+def arguments_of_nsis(bench, run):
+    text = bench.unix(run.root + "\\arguments.txt").read_text()
+    assert text == f'/s /v"/qn" /L "{run.root}\\rlmsi.log"', text
+
+
+def no_handle_of_ours(bench, run):
+    """Nothing that the program has open reaches the installer: neither its log nor the image nor the data of ICU."""
+    lines = bench.unix(run.root + "\\handles.txt").read_bytes().decode("utf-16-le").splitlines()
+    assert lines, "no handles at all"
+    own = "handles.txt"
+    ours = [line for line in lines if run.root in line and own not in line or
+            re.search(r"rlinst\.log|\.iso|\.dat|upgrader|\.lck|ToolsUpgrade", line)]
+    assert not ours, f"inherited: {ours}"
+
+
+# A folder for temporary files, and so for the image and the installer, whose name is not a plain one.
+class OddFolder:
+    NAME = "Temp mit Blanks é 日本"
+
+    @staticmethod
+    def _set(bench, value):
+        for name in ("TEMP", "TMP"):
+            wine(bench, "reg", "add", "HKCU\\Environment", "/v", name, "/t", "REG_EXPAND_SZ", "/d", value, "/f")
+        wineprefix.stop(bench.prefix)  # who runs already keeps the old one
+
+    def make(self, bench):
+        (bench.prefix / "drive_c" / self.NAME).mkdir()
+        self._set(bench, f"C:\\{self.NAME}")
+        return PACKAGE(bench)
+
+    def check(self, bench, run):
+        self._set(bench, "%USERPROFILE%\\Temp")
+        folder = bench.prefix / "drive_c" / self.NAME
+        text = (folder / "rlinst.log").read_text("utf-8")
+        logs = list(folder.glob("*/rlmsi.log"))
+        shutil.rmtree(folder)
+        assert len(logs) == 1, logs
+        assert f'SetupCmdLine ["C:\\{self.NAME}\\{logs[0].parent.name}\\setup.exe" /s /v"/qn /L*v "C:\\{self.NAME}\\' in text
+        installed("Ravlin")(bench, run)
+
+
+odd = OddFolder()
+
+INSTALLERS = [
+    *[Case(f"package-{letter}", ["--run-args", f"-{letter}"], image=PACKAGE, limit=120, unsaid=[END_SENT, ASKED],
+           said=[f'/s /v"{ui} ', "Setup process returned 0"],
+           check=every(installed("Ravlin"), logged("SetupArgs [/s", "SetupCmdLine [", "Setup returned [0]",
+                                                   "Upgrader returning [0]"), *more))
+      for letter, ui, more in (("s", "/qb- REBOOT=R", [msi_log]), ("q", "/qn", [msi_log]),
+                               ("x", "/qn UPGRADE_AT_SHUTDOWN=1", []))],
+    Case("package-without-launcher", ["--run-args", "-q"], image=PLAIN_PACKAGE, limit=120, unsaid=[END_SENT, "/w"],
+         said=['/s /v"/qn" /L "', "Setup process returned 0"], check=installed("Ravlin")),
+    Case("package-refuses", ["--run-args", "-q", "--expect-end", "sent"], image=REFUSING, limit=120,
+         said=["Setup process returned 1603", END_SENT], unsaid=[ASKED],
+         check=every(nothing_installed, msi_log, logged("Setup returned [1603]"))),
+    Case("package-reboots-at-shutdown", ["--run-args", "-x"], image=REBOOTING, limit=120,
+         said=["Setup process returned 3010"], unsaid=[ASKED, REBOOTS, END_SENT],
+         check=installed("Ravlin Tools reboot")),
+    Case("package-reboots-and-we-shut-down", ["--run-args", "-q"], ["-s"], image=REBOOTING, limit=120,
+         said=["Setup process returned 3010", SHUTS_DOWN], unsaid=[ASKED, END_SENT]),
+    Case("package-told-not-to-reboot", guest=["-p", '/s /v"/qn REBOOT=R"'], image=REBOOTING, limit=120,
+         said=["Reboot really suppress parameter detected.", "Setup process returned 3010"],
+         unsaid=[ASKED, REBOOTS, END_SENT]),
+    Case("other-make", ["--run-args", "-q"], image=NSIS, said=["Setup process returned 1641"],
+         unsaid=[END_SENT, ASKED], check=every(arguments_of_nsis, installed("Ravlin Tools NSIS"))),
+    Case("returns-early", ["--run-args", "-q"], image=EARLY, said=["Setup process returned 0"], unsaid=[END_SENT],
+         check=logged("Setup returned [0]")),
+    Case("inherits-nothing", ["--run-args", "-q"], image=HANDLES, said=["Setup process returned 0"],
+         check=no_handle_of_ours),
+    Case("odd-folder", ["--run-args", "-q"], image=odd.make, limit=120, said=["Setup process returned 0"],
+         unsaid=[END_SENT], check=odd.check),
+    Case("bad-input", ["--run-args", "now -q"], image=image("exit", LAUNCHER, settings=["Behaviour=exit"]),
+         said=['setup.exe" /w', "Setup process returned 0"], check=logged("Bad input:  now -q", "SetupArgs []")),
+]
+
+
+# The question on the console session, with a library of ours in place of the system's.
+class ConsoleSession:
+    """Puts sample/installers/KIND/wtsapi32.dll in place while a case runs."""
+
+    def __init__(self, kind):
+        self.kind = kind
+        self.recorded = ""
+
+    @staticmethod
+    def _library(bench):
+        return bench.prefix / "drive_c" / "windows" / "system32" / "wtsapi32.dll"
+
+    def make(self, bench):
+        library = self._library(bench)
+        library.rename(library.with_suffix(".system"))  # shared with other prefixes: never written to
+        shutil.copy(bench.sample(f"installers/{self.kind}/wtsapi32.dll"), library)
+        return WANTS_REBOOT(bench)
+
+    def check(self, bench, _run):
+        library = self._library(bench)
+        library.with_suffix(".system").replace(library)
+        record = bench.prefix / "drive_c" / "wts.txt"
+        if record.exists():
+            self.recorded = record.read_bytes().decode("utf-16-le")
+            record.unlink()
+
+
+def console(name, answer, reboots, line):
+    session = ConsoleSession("answers")
+
+    def asked(_bench, _run):
+        style, seconds, wait, title, text = session.recorded.rstrip("\n").split("\n")
+        assert (style, seconds, wait) == ("36", str(QUESTION_SECONDS), "1"), session.recorded
+        assert title == "Ravlin Tools Setup" and text.startswith("Setup needs to reboot"), session.recorded
+
+    return Case(f"console-{name}", image=session.make, said=["Setup process returned 3010", ASKED] + [REBOOTS] * reboots,
+                unsaid=[END_SENT] + [REBOOTS] * (not reboots), check=every(session.check, asked, logged(line)),
+                env={"WINEDLLOVERRIDES": OVERRIDES + ";wtsapi32=n", "RL_WTS_ANSWER": answer,
+                     "RL_WTS_RECORD": "C:\\wts.txt"})
+
+
+CONSOLE = [
+    console("yes", "6", True, "Reboot now: yes"),
+    console("no", "7", False, "Reboot now: no"),
+    console("silent", "32000", True, "Reboot now: no answer in time, taken as yes"),
+    console("fails", "fail", False, "Reboot now: could not be asked, taken as no"),
+    # As Wine's own library does.
+    Case("console-of-the-system-fails", image=WANTS_REBOOT, said=[ASKED], unsaid=[REBOOTS, END_SENT],
+         check=logged("Could not ask for a reboot on console session", "Reboot now: could not be asked, taken as no")),
+]
+
+
+# The question as a box of our own, on a display.
+class Person:
+    """Somebody at the guest's screen, who waits for the box, takes a picture of it, and answers or leaves it."""
+
+    SIZE = "640x300"
+
+    def __init__(self, name, key, console_session=None):
+        self.name, self.key, self.session = name, key, console_session
+        self.problem = self.thread = None
+
+    def _picture(self, path):
+        subprocess.run(["import", "-window", "root", "-crop", f"{self.SIZE}+0+0", "+repage", path], check=True,
+                       timeout=60)
+        return path.read_bytes()
+
+    @staticmethod
+    def _colours(path):
+        return int(subprocess.run(["identify", "-format", "%k", path], check=True, capture_output=True,
+                                  timeout=60).stdout)
+
+    def _wait_for_box(self, path):
+        """The empty desktop has one colour; the box, once it is drawn, does not change any more."""
+        limit, last = time.monotonic() + BOX_LIMIT, None
+        while time.monotonic() < limit:
+            picture = self._picture(path)
+            if picture == last and self._colours(path) > 30:
+                return
+            last = picture
+            time.sleep(0.2)
+        raise AssertionError("no box appeared")
+
+    def _work(self, out):
+        try:
+            self._wait_for_box(out / f"reboot-{self.name}.png")
+            if self.key:
+                subprocess.run(["xdotool", "mousemove", "320", "150", "click", "1", "sleep", "0.3", "key", self.key],
+                               check=True, timeout=60)
+        except Exception as problem:  # noqa: BLE001, told by check()
+            self.problem = problem
+
+    def make(self, bench):
+        # A desktop of Wine's own, which draws captions and takes the keys.
+        wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer", "/v", "Desktop", "/d", "Guest", "/f")
+        wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", self.SIZE, "/f")
+        wineprefix.stop(bench.prefix)  # a language and a desktop are chosen at the first start
+        made = self.session.make(bench) if self.session else WANTS_REBOOT(bench)
+        self.thread = threading.Thread(target=self._work, args=(bench.out,))
+        self.thread.start()
+        return made
+
+    def check(self, bench, run):
+        self.thread.join()
+        if self.session:
+            self.session.check(bench, run)
+        assert not self.problem, self.problem
+
+
+def box(name, key, reboots, line, language="en_US", session=None):
+    person = Person(name, key, session)
+    overrides = ";wtsapi32=n" if session else ";wtsapi32="
+    return Case(f"box-{name}", image=person.make, limit=BOX_LIMIT + QUESTION_SECONDS + 30,
+                said=["Setup process returned 3010", ASKED] + [REBOOTS] * reboots,
+                unsaid=[END_SENT] + [REBOOTS] * (not reboots), check=every(person.check, logged(line)),
+                env={"WINEDLLOVERRIDES": OVERRIDES + overrides, "LC_ALL": f"{language}.UTF-8"})
+
+
+YES, NO = "Reboot now: yes", "Reboot now: no"
+BOXES = [
+    box("en", "Return", True, YES),
+    box("de", "n", False, NO, "de_DE"),
+    box("fr", "Return", True, YES, "fr_FR"),
+    box("es", "n", False, NO, "es_ES"),
+    box("it", "Return", True, YES, "it_IT"),
+    box("ja", "n", False, NO, "ja_JP"),
+    box("zh", "Return", True, YES, "zh_CN"),
+    box("left-alone", None, True, "Reboot now: no answer in time, taken as yes"),
+    box("without-entry-point", "n", False, NO, session=ConsoleSession("lacks")),
+]
+
+if __name__ == "__main__":
+    if "RL_DISPLAY" not in os.environ:
+        os.execv(ROOT / "scripts" / "with-display.sh", ["with-display.sh", sys.executable, __file__, *sys.argv[1:]])
+    sys.exit(main(INSTALLERS + CONSOLE + BOXES))
