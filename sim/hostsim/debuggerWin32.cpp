@@ -1,5 +1,6 @@
 #include "sim/hostsim/debuggerWin32.h"
 
+#include "sim/hostsim/crashWin32.h"
 #include "sim/hostsim/textWin32.h"
 #include "sim/portContextWin32.h"
 #include "sim/portInstruction.h"
@@ -162,41 +163,49 @@ bool AnswerPort(Debugger* debugger, DWORD threadId, uint64_t address) {
     return SetThreadContext(thread->second, &context) != FALSE;
 }
 
-void HideDebugger(HANDLE process) {
-    struct BasicInformation {
-        PVOID reserved;
-        uint64_t peb;
-        PVOID rest[4];
-    } information{};
-    constexpr uint64_t BEING_DEBUGGED = 2; // offset in the process environment block
-    using Query = LONG(WINAPI*)(HANDLE, ULONG, PVOID, ULONG, PULONG);
-    auto query = Win32_GetProc<Query>(GetModuleHandleW(L"ntdll"), "NtQueryInformationProcess");
-    if (query && query(process, 0, &information, sizeof information, nullptr) == 0) {
-        uint8_t no = 0;
-        WriteProcessMemory(process, reinterpret_cast<LPVOID>(information.peb + BEING_DEBUGGED), &no, 1,
-                           nullptr);
+// Whether the instruction that failed, executed once more, fails in the same way.
+bool IsRepeatable(DWORD code) {
+    return code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_ILLEGAL_INSTRUCTION ||
+           code == EXCEPTION_PRIV_INSTRUCTION || code == EXCEPTION_INT_DIVIDE_BY_ZERO ||
+           code == EXCEPTION_IN_PAGE_ERROR;
+}
+
+// Crashes the guest in place of a port access, if it is time for that.
+bool CrashNow(Debugger* debugger, DWORD threadId, uint64_t address) {
+    auto thread = debugger->threads.find(threadId);
+    if (++debugger->portCalls != debugger->crashCall || thread == debugger->threads.end()) {
+        return false;
     }
+    debugger->crashed =
+        Crash_Inject(debugger->crash, debugger->guest->process.Get(), thread->second, address);
+    return debugger->crashed;
 }
 
 DWORD OnException(Debugger* debugger, DWORD threadId, const EXCEPTION_DEBUG_INFO& info) {
     const EXCEPTION_RECORD& record = info.ExceptionRecord;
     bool first = info.dwFirstChance != 0;
+    if (debugger->ended) {
+        return DBG_EXCEPTION_NOT_HANDLED; // on its way out
+    }
     if (record.ExceptionCode == EXCEPTION_BREAKPOINT && first && !debugger->started) {
         debugger->started = true;
-        if (debugger->hidden) {
-            HideDebugger(debugger->guest->process.Get());
-        }
         return DBG_CONTINUE;
     }
-    if (record.ExceptionCode == EXCEPTION_PRIV_INSTRUCTION && first &&
-        AnswerPort(debugger, threadId, reinterpret_cast<uint64_t>(record.ExceptionAddress))) {
-        return DBG_CONTINUE;
+    if (record.ExceptionCode == EXCEPTION_PRIV_INSTRUCTION && first) {
+        auto address = reinterpret_cast<uint64_t>(record.ExceptionAddress);
+        if (CrashNow(debugger, threadId, address) || AnswerPort(debugger, threadId, address)) {
+            return DBG_CONTINUE;
+        }
     }
     constexpr DWORD ERROR_SEVERITY = 0xC0000000;
-    if (!first || record.ExceptionCode >= ERROR_SEVERITY) {
-        debugger->events.exception(debugger->events.clientData, DescribeException(*debugger, record), !first);
+    if (!first || debugger->crashed || record.ExceptionCode >= ERROR_SEVERITY) {
+        debugger->events.exception(debugger->events.clientData, DescribeException(*debugger, record),
+                                   !first || debugger->crashed);
     }
-    return DBG_EXCEPTION_NOT_HANDLED;
+    // The crash that was asked for is known to be one at its first chance. Any other is one when nobody has
+    // handled it; the guest then has to fail again to get its own report.
+    debugger->letGo = debugger->crashed || (!first && IsRepeatable(record.ExceptionCode));
+    return !first && debugger->letGo ? DBG_CONTINUE : DBG_EXCEPTION_NOT_HANDLED;
 }
 
 // --- Debug output
@@ -262,25 +271,49 @@ DWORD OnEvent(Debugger* debugger, const DEBUG_EVENT& event, std::optional<uint32
     return DBG_CONTINUE;
 }
 
+// Answers the event and leaves the guest to itself. Its thread stands still in between, so that it finds no
+// debugger.
+void LetGo(const DEBUG_EVENT& event, DWORD status) {
+    const KernelHandle thread(OpenThread(THREAD_SUSPEND_RESUME, FALSE, event.dwThreadId));
+    SuspendThread(thread.Get());
+    ContinueDebugEvent(event.dwProcessId, event.dwThreadId, status);
+    DebugActiveProcessStop(event.dwProcessId);
+    ResumeThread(thread.Get());
+}
+
+// One debug event, or a while without one.
+void Step(Debugger* debugger, std::optional<uint32_t>* exitCode) {
+    DEBUG_EVENT event{};
+    if (debugger->letGo) {
+        HANDLE process = debugger->guest->process.Get();
+        DWORD code = 0;
+        if (WaitForSingleObject(process, TURN) == WAIT_OBJECT_0 && GetExitCodeProcess(process, &code)) {
+            *exitCode = code;
+        }
+    } else if (WaitForDebugEvent(&event, TURN)) {
+        DWORD status = OnEvent(debugger, event, exitCode);
+        if (debugger->letGo) {
+            LetGo(event, status);
+        } else {
+            ContinueDebugEvent(event.dwProcessId, event.dwThreadId, status);
+        }
+    }
+}
+
 } // namespace
 
 std::optional<uint32_t> Debugger_Run(Debugger* debugger) {
     std::optional<uint32_t> exitCode;
-    bool ended = false;
     DWORD endedAt = 0;
-    while (!exitCode && !(ended && GetTickCount() - endedAt > END_LIMIT)) {
-        DEBUG_EVENT event{};
-        if (WaitForDebugEvent(&event, TURN)) {
-            DWORD status = OnEvent(debugger, event, &exitCode);
-            ContinueDebugEvent(event.dwProcessId, event.dwThreadId, status);
-        }
-        if (!ended && !exitCode && !debugger->events.turn(debugger->events.clientData)) {
-            ended = true;
+    while (!exitCode && !(debugger->ended && GetTickCount() - endedAt > END_LIMIT)) {
+        Step(debugger, &exitCode);
+        if (!debugger->ended && !exitCode && !debugger->events.turn(debugger->events.clientData)) {
+            debugger->ended = true;
             endedAt = GetTickCount();
             TerminateProcess(debugger->guest->process.Get(), 1);
         }
     }
-    return ended ? std::nullopt : exitCode;
+    return debugger->ended ? std::nullopt : exitCode;
 }
 
 Hypervisor_Memory Debugger_Memory(const GuestProcess* guest) {

@@ -1,7 +1,12 @@
 // The debug loop: runs a guest, hands its port accesses and its debug output on, and says what it died of.
+//
+// The system does not ask a debugged program's own exception filter, which writes its crash report. A guest
+// that crashes is therefore let go: it goes on without a debugger, reports, and ends as it would have ended
+// on its own.
 #pragma once
 
 #include "sim/hostsim/guestProcessWin32.h"
+#include "sim/hostsim/options.h"
 #include "sim/hypervisor.h"
 
 #include <map>
@@ -31,12 +36,17 @@ struct Debugger_Module {
 struct Debugger {
     GuestProcess* guest = nullptr;
     Debugger_Events events;
-    bool hidden = false; // the guest is not told that it is debugged
+    Options_Crash crash = Options_Crash::Read;
+    uint64_t crashCall = 0; // the port call that crashes in place of an answer; 0: none
 
     std::vector<Debugger_Module> modules;
     std::map<DWORD, HANDLE> threads;               // owned by the system
     std::map<uint64_t, std::vector<uint8_t>> code; // of the port instructions seen, by address
     bool started = false;                          // the system's own first breakpoint has passed
+    bool ended = false;                            // it had to go
+    uint64_t portCalls = 0;
+    bool crashed = false; // its fatal exception comes next, or has come
+    bool letGo = false;   // it goes on without a debugger
 };
 
 // Runs the guest to its end. Its exit code, or none when it had to go.

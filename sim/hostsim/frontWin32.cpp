@@ -318,7 +318,8 @@ bool Prepare(Front* front, std::string* error) {
     front->hypervisor.memory = Debugger_Memory(&front->guest);
     front->report.expectedExit = Options_ExpectedExit(options);
     front->debugger.guest = &front->guest;
-    front->debugger.hidden = options.hideDebugger;
+    front->debugger.crash = options.crash;
+    front->debugger.crashCall = options.crashCall;
     front->debugger.events = {OnPort, OnSaid, OnException, OnTurn, front};
     // Made before the guest opens it, and ours until its state has been read.
     front->completion.Reset(CreateEventW(nullptr, TRUE, FALSE, COMPLETION_EVENT));

@@ -34,7 +34,8 @@ Faults:
       --version N                  answer the version query with N
       --silent                     leave the version query unanswered
       --no-port                    do not answer the port at all
-      --hide-debugger              let PROGRAM's own crash handler work
+      --crash KIND@N               let PROGRAM crash at the N-th port call: read, illegal, breakpoint, overflow
+                                   or thread (a read on another one)
 
 What to expect:
       --expect-exit N       exit code of PROGRAM (default 0; 1 when it cannot start)
@@ -73,7 +74,7 @@ enum LongOption {
     OPTION_VERSION,
     OPTION_SILENT,
     OPTION_NO_PORT,
-    OPTION_HIDE_DEBUGGER,
+    OPTION_CRASH,
     OPTION_EXPECT_EXIT,
     OPTION_EXPECT_END,
     OPTION_EXPECT_NO_START,
@@ -100,7 +101,7 @@ constexpr option LONG_OPTIONS[] = {
     {"version", required_argument, nullptr, OPTION_VERSION},
     {"silent", no_argument, nullptr, OPTION_SILENT},
     {"no-port", no_argument, nullptr, OPTION_NO_PORT},
-    {"hide-debugger", no_argument, nullptr, OPTION_HIDE_DEBUGGER},
+    {"crash", required_argument, nullptr, OPTION_CRASH},
     {"expect-exit", required_argument, nullptr, OPTION_EXPECT_EXIT},
     {"expect-end", required_argument, nullptr, OPTION_EXPECT_END},
     {"expect-no-start", no_argument, nullptr, OPTION_EXPECT_NO_START},
@@ -163,6 +164,12 @@ constexpr std::array<Named<uint32_t>, 2> PROTOCOLS = {
 constexpr std::array<Named<Host_EndNotice>, 3> NOTICES = {
     {{"sent", Host_EndNotice::Sent}, {"none", Host_EndNotice::None}, {"any", Host_EndNotice::Any}}};
 
+constexpr std::array<Named<Options_Crash>, 5> CRASHES = {{{"read", Options_Crash::Read},
+                                                          {"illegal", Options_Crash::Illegal},
+                                                          {"breakpoint", Options_Crash::Breakpoint},
+                                                          {"overflow", Options_Crash::Overflow},
+                                                          {"thread", Options_Crash::Thread}}};
+
 bool TakeExpectation(Options* options, int option, const char* value) {
     constexpr uint32_t MOST = std::numeric_limits<uint32_t>::max();
     if (option == OPTION_EXPECT_EXIT) {
@@ -173,6 +180,13 @@ bool TakeExpectation(Options* options, int option, const char* value) {
     }
     options->expectNoStart = true;
     return true;
+}
+
+// KIND@N.
+bool TakeCrash(Options* options, std::string_view text) {
+    const size_t at = text.find('@');
+    return at != std::string_view::npos && Choice(text.substr(0, at), CRASHES, &options->crash) &&
+           Number(text.substr(at + 1), 1, std::numeric_limits<uint64_t>::max(), &options->crashCall);
 }
 
 bool TakeFault(Options* options, int option, const char* value) {
@@ -201,9 +215,8 @@ bool TakeFault(Options* options, int option, const char* value) {
     case OPTION_NO_PORT:
         options->noPort = true;
         return true;
-    case OPTION_HIDE_DEBUGGER:
-        options->hideDebugger = true;
-        return true;
+    case OPTION_CRASH:
+        return TakeCrash(options, value);
     default:
         return TakeExpectation(options, option, value);
     }

@@ -11,6 +11,9 @@
 // When a cancel or a console event comes.
 enum class Options_Point { Never, Before, During, After, Installing };
 
+// What --crash makes the guest do.
+enum class Options_Crash { Read, Illegal, Breakpoint, Overflow, Thread };
+
 struct Options {
     std::string image;
     std::string runArguments;
@@ -22,7 +25,8 @@ struct Options {
     uint32_t fileVersion = 3;
     Hypervisor_Faults faults;
     bool noPort = false;
-    bool hideDebugger = false;
+    Options_Crash crash = Options_Crash::Read;
+    uint64_t crashCall = 0; // the port call that crashes in place of an answer, counted from 1; 0: none
     bool verify = true;
     std::optional<uint32_t> expectedExit;
     std::optional<Host_EndNotice> expectedEnd;
