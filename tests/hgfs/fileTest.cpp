@@ -452,8 +452,9 @@ TEST_F(HgfsFile, LockedFilesAreNotEvicted) {
     HgfsPackets_Request request = OpenRequest(DriveName({"C", "tmp", "31"}));
     EXPECT_THROW(SendBytes(HgfsPackets_Encode(request)), DiagPanic);
     EXPECT_THAT(DiagCapture_Take().warning,
-                ::testing::Contains(::testing::MatchesRegex(
-                    "ASSERT toolbox/windows/hgfslib/hgfsServer:[0-9]+ bugNr=36244\n")));
+                ::testing::Contains(
+                    ::testing::AllOf(::testing::StartsWith("ASSERT toolbox/windows/hgfslib/hgfsServer:"),
+                                     ::testing::EndsWith(" bugNr=36244\n"))));
     --session.references; // the program would have ended there
 }
 

@@ -307,7 +307,7 @@ TEST_F(HgfsNames, LeavesOutNamesThatAreTooLong) {
 }
 
 TEST_F(HgfsNames, ListsManyEntriesAndKeepsThemWhileTheyGo) {
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 10000; ++i) {
         MemoryFs_Add("C:\\tmp\\" + std::to_string(i), 0);
     }
     const uint32_t handle = Ask(OnName(HgfsOpSearchOpen, DriveName({"C", "tmp"}))).reply.handle;
@@ -317,9 +317,9 @@ TEST_F(HgfsNames, ListsManyEntriesAndKeepsThemWhileTheyGo) {
     HgfsPackets_Reply reply = Ask(request).reply;
     EXPECT_EQ(reply.name, "0");
     EXPECT_EQ(reply.attributes.mask, 0u);
-    request.index = 1001;
+    request.index = 10001;
     EXPECT_FALSE(Ask(request).reply.name.empty());
-    for (uint32_t beyond : {1002u, 0xFFFFFFFFu}) {
+    for (uint32_t beyond : {10002u, 0xFFFFFFFFu}) {
         request.index = beyond;
         EXPECT_TRUE(Ask(request).reply.name.empty());
     }
