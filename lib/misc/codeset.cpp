@@ -155,10 +155,18 @@ bool IcuIsValid(const char* text, size_t length, const char* encoding) {
     if (!converter) {
         return false;
     }
-    // Into no room at all: what is valid ends for want of room, unless it stands for no character.
+    // Into no room at all: what is valid ends for want of room, unless it stands for no character. Then it
+    // has to pass with room, for without any ICU also lets a text end amid its first character in UTF-32.
+    const auto bytes = static_cast<int32_t>(length);
     UErrorCode status = U_ZERO_ERROR;
-    ucnv_toUChars(converter.Get(), nullptr, 0, text, static_cast<int32_t>(length), &status);
-    return status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status);
+    ucnv_toUChars(converter.Get(), nullptr, 0, text, bytes, &status);
+    if (U_SUCCESS(status)) {
+        std::array<UChar, 2> none;
+        status = U_ZERO_ERROR;
+        ucnv_toUChars(converter.Get(), none.data(), none.size(), text, bytes, &status);
+        return U_SUCCESS(status);
+    }
+    return status == U_BUFFER_OVERFLOW_ERROR;
 }
 
 bool IcuToUtf16(const char* text, size_t length, char16_t* out, size_t room, size_t* units) {

@@ -227,6 +227,15 @@ INSTANTIATE_TEST_SUITE_P(BothWays, CodeSet, testing::Bool(), [](const testing::T
     return way.param ? "Icu" : "System";
 });
 
+// A text that ends amid its first character stands for none either, but it is not valid.
+TEST(CodeSetIcu, RefusesAnUnfinishedFirstCharacter) {
+    CodeSet_Init(nullptr);
+    for (const char* encoding : {"UTF-32", "UTF-32BE", "UTF-16", "UTF-16BE", "Shift_JIS", "UTF-8"}) {
+        EXPECT_FALSE(CodeSet_IsValid("\xE0\x80\x80", 1, encoding)) << encoding;
+    }
+    EXPECT_FALSE(CodeSet_IsValid("\0", 2, "UTF-32"));
+}
+
 TEST(CodeSetData, ComputesTheChecksumOfCksum) {
     auto checksum = [](std::string_view text) {
         return CodeSetData_Checksum({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
