@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Installers of all kinds, and the question whether to reboot: on the console session and as a box on a display.
+"""Installers of all kinds, and what people see: the question whether to reboot, on the console session and as a box
+on a display, and the usage box.
 
-Pictures of the box, one for each language, are kept in RL_OUT.
+Pictures of the boxes, in every language, are kept in RL_OUT.
 """
 
 import os
@@ -142,12 +143,12 @@ odd = OddFolder()
 
 INSTALLERS = [
     *[Case(f"package-{letter}", ["--run-args", f"-{letter}"], image=PACKAGE, limit=120, unsaid=[END_SENT, ASKED],
-           said=[f'/s /v"{ui} ', "Setup process returned 0"],
+           said=[f'/s /v"{ui}', "Setup process returned 0"],
            check=every(installed("Ravlin"), logged("SetupArgs [/s", "SetupCmdLine [", "Setup returned [0]",
                                                    "Upgrader returning [0]"), *more))
       for letter, ui, more in (("s", "/qb- REBOOT=R", [msi_log]), ("q", "/qn", [msi_log]),
                                ("x", "/qn UPGRADE_AT_SHUTDOWN=1", []))],
-    Case("package-without-launcher", ["--run-args", "-q"], image=PLAIN_PACKAGE, limit=120, unsaid=[END_SENT, "/w"],
+    Case("package-without-launcher", ["--run-args", "-q"], image=PLAIN_PACKAGE, limit=120, unsaid=[END_SENT, ' /w"'],
          said=['/s /v"/qn" /L "', "Setup process returned 0"], check=installed("Ravlin")),
     Case("package-refuses", ["--run-args", "-q", "--expect-end", "sent"], image=REFUSING, limit=120,
          said=["Setup process returned 1603", END_SENT], unsaid=[ASKED],
@@ -230,9 +231,11 @@ class Person:
     """Somebody at the guest's screen, who waits for the box, takes a picture of it, and answers or leaves it."""
 
     SIZE = "640x300"
+    MIDDLE = ["320", "150"]
 
-    def __init__(self, name, key, console_session=None):
+    def __init__(self, name, key, image_maker=WANTS_REBOOT, console_session=None):
         self.name, self.key, self.session = name, key, console_session
+        self.make_image = console_session.make if console_session else image_maker
         self.problem = self.thread = None
 
     def _picture(self, path):
@@ -258,9 +261,9 @@ class Person:
 
     def _work(self, out):
         try:
-            self._wait_for_box(out / f"reboot-{self.name}.png")
+            self._wait_for_box(out / f"{self.name}.png")
             if self.key:
-                subprocess.run(["xdotool", "mousemove", "320", "150", "click", "1", "sleep", "0.3", "key", self.key],
+                subprocess.run(["xdotool", "mousemove", *self.MIDDLE, "click", "1", "sleep", "0.3", "key", self.key],
                                check=True, timeout=60)
         except Exception as problem:  # noqa: BLE001, told by check()
             self.problem = problem
@@ -270,7 +273,7 @@ class Person:
         wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer", "/v", "Desktop", "/d", "Guest", "/f")
         wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", self.SIZE, "/f")
         wineprefix.stop(bench.prefix)  # a language and a desktop are chosen at the first start
-        made = self.session.make(bench) if self.session else WANTS_REBOOT(bench)
+        made = self.make_image(bench)
         self.thread = threading.Thread(target=self._work, args=(bench.out,))
         self.thread.start()
         return made
@@ -283,7 +286,7 @@ class Person:
 
 
 def box(name, key, reboots, line, language="en_US", session=None):
-    person = Person(name, key, session)
+    person = Person(f"box-{name}", key, console_session=session)
     overrides = ";wtsapi32=n" if session else ";wtsapi32="
     return Case(f"box-{name}", image=person.make, limit=BOX_LIMIT + QUESTION_SECONDS + 30,
                 said=["Setup process returned 3010", ASKED] + [REBOOTS] * reboots,
@@ -304,7 +307,18 @@ BOXES = [
     box("without-entry-point", "n", False, NO, session=ConsoleSession("lacks")),
 ]
 
+
+
+def usage(language):
+    name = "usage-" + language[:2]
+    person = Person(name, "Return", image_maker=lambda bench: None)
+    return Case(name, ["--expect-no-start"], ["-h"], image=person.make, check=person.check, limit=BOX_LIMIT + 30,
+                said=["Upgrader failed parsing command line arguments."], env={"LC_ALL": f"{language}.UTF-8"})
+
+
+USAGE = [usage(language) for language in ("en_US", "de_DE", "fr_FR", "es_ES", "it_IT", "ja_JP", "zh_CN")]
+
 if __name__ == "__main__":
     if "RL_DISPLAY" not in os.environ:
         os.execv(ROOT / "scripts" / "with-display.sh", ["with-display.sh", sys.executable, __file__, *sys.argv[1:]])
-    sys.exit(main(INSTALLERS + CONSOLE + BOXES))
+    sys.exit(main(INSTALLERS + CONSOLE + BOXES + USAGE))
