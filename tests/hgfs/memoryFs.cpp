@@ -185,9 +185,9 @@ uint32_t Read(OpenFile* open, uint64_t offset, std::span<uint8_t> data, uint32_t
     if (offset >= bytes.size() && !data.empty()) {
         return HgfsErrorHandleEof;
     }
-    const size_t count =
-        std::min<size_t>(data.size(), bytes.size() - std::min<uint64_t>(offset, bytes.size()));
-    std::copy_n(bytes.begin() + static_cast<ptrdiff_t>(offset), count, data.begin());
+    const size_t begin = std::min<uint64_t>(offset, bytes.size());
+    const size_t count = std::min(data.size(), bytes.size() - begin);
+    std::copy_n(bytes.begin() + static_cast<ptrdiff_t>(begin), count, data.begin());
     *actual = static_cast<uint32_t>(count);
     return HgfsErrorNone;
 }

@@ -28,7 +28,7 @@ ptrdiff_t CPName_GetComponent(const char* begin, const char* end, const char** n
 
 bool CPNameConvertFrom(CPNameCursor* cursor, char separator) {
     static const char self[] = "CPNameConvertFrom";
-    const bool inPlace = cursor->in == cursor->out;
+    const bool inPlace = cursor->in == cursor->out && cursor->inSize > 0;
     const char* in = cursor->in + (inPlace ? 1 : 0);
     const char* const end = in + cursor->inSize;
     char* out = cursor->out;
