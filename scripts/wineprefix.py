@@ -22,7 +22,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 HOME = ROOT / "build" / "wine"
 STAMP = ".rl-prefix"  # marks a folder as ours, to be removed without asking
 BOOT_LIMIT = 300  # seconds
-RECIPE = 2  # changes when a template made earlier will no longer do
+RECIPE = 3  # changes when a template made earlier will no longer do
 AE_DEBUG = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
 
 
@@ -65,8 +65,9 @@ def _boot(prefix):
     with open(log, "wb") as out:
         subprocess.run(["wineboot", "-i"], env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
                        timeout=BOOT_LIMIT, check=True)
-        # A program that crashes ends at once; Wine's own debugger would hold it, and its files, for seconds.
-        subprocess.run(["wine", "reg", "add", AE_DEBUG, "/v", "Debugger", "/d", "", "/f"], env=env,
+        # A program that crashes ends at once; Wine's own debugger would hold it, and its files, for seconds. There is
+        # no program of this name; for an empty name Wine starts a command interpreter.
+        subprocess.run(["wine", "reg", "add", AE_DEBUG, "/v", "Debugger", "/d", "none", "/f"], env=env,
                        stdin=subprocess.DEVNULL, stdout=out, stderr=out, timeout=BOOT_LIMIT, check=True)
         subprocess.run(["wineserver", "-w"], env=env, timeout=BOOT_LIMIT, check=True)
     if not (prefix / "system.reg").exists():
