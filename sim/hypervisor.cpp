@@ -521,6 +521,8 @@ void BulkCall(Hypervisor* hypervisor, Hypervisor_Instruction instruction, bool b
 } // namespace
 
 Hypervisor_Memory Hypervisor_OwnMemory() {
+    // The addresses come out of registers.
+    // NOLINTBEGIN(performance-no-int-to-ptr)
     return {[](void*, uint64_t address, uint8_t* bytes, size_t length) {
                 std::memcpy(bytes, reinterpret_cast<const void*>(address), length);
                 return true;
@@ -530,6 +532,7 @@ Hypervisor_Memory Hypervisor_OwnMemory() {
                 return true;
             },
             nullptr};
+    // NOLINTEND(performance-no-int-to-ptr)
 }
 
 void Hypervisor_Call(Hypervisor* hypervisor, Hypervisor_Instruction instruction, bool backwards,

@@ -20,7 +20,7 @@
 
 inline constexpr size_t HYPERVISOR_CHANNELS = 8;
 // The longest message in either direction: a large file packet with its command and result words, rounded up.
-inline constexpr uint64_t HYPERVISOR_MAX_MESSAGE = 128 * 1024;
+inline constexpr uint64_t HYPERVISOR_MAX_MESSAGE = uint64_t{128} * 1024;
 // Deviations beyond this many are counted but not kept.
 inline constexpr size_t HYPERVISOR_MAX_DEVIATIONS = 100;
 

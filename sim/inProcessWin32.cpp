@@ -15,7 +15,8 @@ LONG CALLBACK AnswerPort(EXCEPTION_POINTERS* exception) {
         return EXCEPTION_CONTINUE_SEARCH;
     }
     // Three bytes hold each of our instructions, and reading on could leave the code.
-    std::span code(reinterpret_cast<const uint8_t*>(context->Rip), 3);
+    auto* rip = reinterpret_cast<const uint8_t*>(context->Rip); // NOLINT(performance-no-int-to-ptr)
+    std::span code(rip, 3);
     PortInstruction instruction{};
     if (!PortInstruction_Decode(code, context->Rdx, &instruction)) {
         return EXCEPTION_CONTINUE_SEARCH;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr DWORD TURN = 50;         // milliseconds
 constexpr DWORD END_LIMIT = 10000; // for a guest that was ended
-constexpr size_t MAX_SAID = 64 * 1024;
+constexpr size_t MAX_SAID = size_t{64} * 1024;
 constexpr uint32_t CXX_EXCEPTION = 0x20474343;
 
 struct ExceptionName {
@@ -33,11 +33,15 @@ constexpr std::array<ExceptionName, 9> EXCEPTION_NAMES = {{
     {0xC0000374, "damaged heap"},
 }};
 
+// An address of the guest, never to be followed here.
+void* Theirs(uint64_t address) {
+    return reinterpret_cast<void*>(address); // NOLINT(performance-no-int-to-ptr)
+}
+
 template <typename Value>
 bool ReadValue(HANDLE process, uint64_t address, Value* value) {
     SIZE_T read = 0;
-    return ReadProcessMemory(process, reinterpret_cast<LPCVOID>(address), value, sizeof *value, &read) &&
-           read == sizeof *value;
+    return ReadProcessMemory(process, Theirs(address), value, sizeof *value, &read) && read == sizeof *value;
 }
 
 // As many of the bytes at an address as can be read; an instruction may stand at the end of its page.
@@ -45,8 +49,7 @@ std::vector<uint8_t> ReadCode(HANDLE process, uint64_t address, size_t wanted) {
     std::vector<uint8_t> code(wanted);
     SIZE_T read = 0;
     while (wanted > 0 &&
-           !(ReadProcessMemory(process, reinterpret_cast<LPCVOID>(address), code.data(), wanted, &read) &&
-             read == wanted)) {
+           !(ReadProcessMemory(process, Theirs(address), code.data(), wanted, &read) && read == wanted)) {
         --wanted;
     }
     code.resize(wanted);
@@ -64,7 +67,7 @@ uint64_t ModuleSize(HANDLE process, uint64_t base) {
     return read ? headers.OptionalHeader.SizeOfImage : 0;
 }
 
-// The name in the module's export directory or of its file, whichever is known.
+// The name of the module's file, or else the one that the system has noted for it.
 std::string ModuleName(HANDLE process, HANDLE file, LPVOID nameAddress, bool wide) {
     std::wstring path;
     using FinalPath = DWORD(WINAPI*)(HANDLE, LPWSTR, DWORD, DWORD);
@@ -128,9 +131,10 @@ std::string DescribeException(const Debugger& debugger, const EXCEPTION_RECORD& 
     }
     text += " at " + Place(debugger, reinterpret_cast<uint64_t>(record.ExceptionAddress));
     if (record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION && record.NumberParameters >= 2) {
-        const char* access = record.ExceptionInformation[0] == 0   ? "reading"
-                             : record.ExceptionInformation[0] == 1 ? "writing"
-                                                                   : "executing";
+        constexpr std::array<const char*, 2> ACCESS = {"reading", "writing"};
+        const char* access = record.ExceptionInformation[0] < ACCESS.size()
+                                 ? ACCESS[record.ExceptionInformation[0]]
+                                 : "executing";
         text += Str_Format(", %s 0x%" DIAG_I64 "x", access,
                            static_cast<uint64_t>(record.ExceptionInformation[1]));
     }
@@ -140,7 +144,7 @@ std::string DescribeException(const Debugger& debugger, const EXCEPTION_RECORD& 
 bool AnswerPort(Debugger* debugger, DWORD threadId, uint64_t address) {
     auto thread = debugger->threads.find(threadId);
     CONTEXT context{};
-    context.ContextFlags = CONTEXT_CONTROL | CONTEXT_INTEGER;
+    context.ContextFlags = CONTEXT_CONTROL | CONTEXT_INTEGER; // NOLINT(misc-redundant-expression)
     if (thread == debugger->threads.end() || !GetThreadContext(thread->second, &context)) {
         return false;
     }
@@ -321,14 +325,12 @@ Hypervisor_Memory Debugger_Memory(const GuestProcess* guest) {
     memory.read = [](void* data, uint64_t address, uint8_t* bytes, size_t length) {
         SIZE_T done = 0;
         HANDLE process = static_cast<const GuestProcess*>(data)->process.Get();
-        return ReadProcessMemory(process, reinterpret_cast<LPCVOID>(address), bytes, length, &done) &&
-               done == length;
+        return ReadProcessMemory(process, Theirs(address), bytes, length, &done) && done == length;
     };
     memory.write = [](void* data, uint64_t address, const uint8_t* bytes, size_t length) {
         SIZE_T done = 0;
         HANDLE process = static_cast<const GuestProcess*>(data)->process.Get();
-        return WriteProcessMemory(process, reinterpret_cast<LPVOID>(address), bytes, length, &done) &&
-               done == length;
+        return WriteProcessMemory(process, Theirs(address), bytes, length, &done) && done == length;
     };
     memory.clientData = const_cast<GuestProcess*>(guest);
     return memory;
@@ -345,10 +347,9 @@ bool Debugger_RaiseConsoleEvent(const Debugger& debugger, unsigned event) {
             continue;
         }
         uint64_t offset = reinterpret_cast<uint64_t>(routine) - reinterpret_cast<uint64_t>(module);
-        auto start = reinterpret_cast<LPTHREAD_START_ROUTINE>(theirs->base + offset);
-        KernelHandle thread(CreateRemoteThread(debugger.guest->process.Get(), nullptr, 0, start,
-                                               reinterpret_cast<LPVOID>(static_cast<uintptr_t>(event)), 0,
-                                               nullptr));
+        auto start = reinterpret_cast<LPTHREAD_START_ROUTINE>(Theirs(theirs->base + offset));
+        KernelHandle thread(
+            CreateRemoteThread(debugger.guest->process.Get(), nullptr, 0, start, Theirs(event), 0, nullptr));
         return static_cast<bool>(thread);
     }
     return false;

@@ -68,7 +68,7 @@ std::string PhaseLine(const Phase& phase, const Host& host) {
         line += Str_Format("   %.1f MiB at %.1f MiB/s, %u packets", static_cast<double>(bytes) / MIB,
                            Rate(bytes, phase.seconds), static_cast<unsigned>(packets));
         if (packets > 0) {
-            line += Str_Format(", %.2f port calls each",
+            line += Str_Format(", %.2f traps each",
                                static_cast<double>(phase.calls) / static_cast<double>(packets));
         }
     }

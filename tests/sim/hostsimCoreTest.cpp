@@ -176,7 +176,7 @@ TEST_F(ReportTest, SaysWhatWentWell) {
     EXPECT_EQ(Verdict(), Report_Exit::AsExpected);
     std::string summary = Report_Summary(report, host, hypervisor);
     for (const char* text :
-         {"copy         2.000 s   2.0 MiB at 1.0 MiB/s, 40 packets, 2.50 port calls each\n",
+         {"copy         2.000 s   2.0 MiB at 1.0 MiB/s, 40 packets, 2.50 traps each\n",
           "install      1.000 s\n", "120 calls", "image gone", "exit code 0, completion",
           "RESULT     as expected\n"}) {
         EXPECT_THAT(summary, HasSubstr(text));
