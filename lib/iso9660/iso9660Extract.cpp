@@ -39,8 +39,8 @@ Iso9660_Result Fail(std::string_view source, const char* what, Iso9660_Result re
 }
 
 // The same for a call to the file layer on `path`, with the system's own reason.
-Iso9660_Result FailCall(std::string_view source, const char* what, std::string_view path) {
-    std::string reason = Iso9660LastError();
+Iso9660_Result FailCall(std::string_view source, const char* what, std::string_view path,
+                        const std::string& reason = Iso9660LastError()) {
     Debug("Iso9660_Extract: %s: %s %s: %s (code %u)\n", Iso9660Printable(source).c_str(), what,
           Iso9660Printable(path).c_str(), reason.c_str(), static_cast<unsigned>(Iso9660_Result::IoError));
     return Iso9660_Result::IoError;
@@ -155,9 +155,14 @@ Iso9660_Result ExtractFileEntry(Extraction* extraction) {
     return WriteEntry(extraction->image, extraction->entry, source, Join(extraction->target, name));
 }
 
-// Creating first answers most questions with one call: what can be created did not exist.
-bool MakeDirectory(const std::string& path) {
-    return File_CreateDirectory(path.c_str()) || File_IsDirectory(path.c_str());
+// Creating answers most questions with one call: what could be created did not exist. On failure, *reason is
+// the system's.
+bool MakeDirectory(const std::string& path, std::string* reason) {
+    if (File_CreateDirectory(path.c_str())) {
+        return true;
+    }
+    *reason = Iso9660LastError(); // before the next call has one of its own
+    return File_IsDirectory(path.c_str());
 }
 
 Iso9660_Result ExtractTree(Extraction* extraction, Iso9660_Dir dir, const Walked* outer);
@@ -179,8 +184,10 @@ Iso9660_Result ExtractDirectoryEntry(Extraction* extraction, const Walked* walke
         return FailEntry(*extraction, "the target path is too long", Iso9660_Result::IoError);
     }
     extraction->target.append("\\").append(name);
-    if (!MakeDirectory(extraction->target)) {
-        return FailCall(Join(extraction->source, ownName), "cannot create the directory", extraction->target);
+    std::string reason;
+    if (!MakeDirectory(extraction->target, &reason)) {
+        return FailCall(Join(extraction->source, ownName), "cannot create the directory", extraction->target,
+                        reason);
     }
     if (sourceLength + ownName.size() > MAXIMUM_PATH_SUM) {
         return FailEntry(*extraction, "the path in the image is too long", Iso9660_Result::IoError);

@@ -21,7 +21,7 @@ using IsoSector = std::array<uint8_t, ISO_SECTOR_SIZE>;
 // The directory sectors read last: one, or two when a record reaches into the second. Listing a directory
 // reads each of its sectors once, and extracting the files in between does not disturb it.
 struct IsoWindow {
-    std::array<uint8_t, 2 * ISO_SECTOR_SIZE> bytes;
+    std::array<uint8_t, size_t{2} * ISO_SECTOR_SIZE> bytes;
     uint64_t firstSector = 0;
     uint32_t sectors = 0; // how many of `bytes` are filled
 };
