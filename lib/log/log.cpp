@@ -76,13 +76,14 @@ void WriteMessage(uint32_t level, const char* format, va_list arguments) {
     }
     char* message = line.data() + prefix;
     const size_t room = TEXT_SIZE - static_cast<size_t>(prefix);
-    int length = Format(message, room, format, arguments);
-    if (length < 0) {
+    const int formatted = Format(message, room, format, arguments);
+    auto length = static_cast<size_t>(formatted);
+    if (formatted < 0) {
         Write(TRUNCATED, sizeof TRUNCATED - 1);
-        length = static_cast<int>(CodeSetUtf_WholeCharacters(message, strnlen(message, room)));
+        length = CodeSetUtf_WholeCharacters(message, strnlen(message, room));
     }
     message[length] = '\n';
-    Write(line.data(), static_cast<size_t>(prefix + length + 1));
+    Write(line.data(), static_cast<size_t>(prefix) + length + 1);
 }
 
 void WriteFormatted(uint32_t level, const char* format, ...) DIAG_PRINTF(2, 3);

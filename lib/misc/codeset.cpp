@@ -60,7 +60,7 @@ void PutIntoCache(std::unique_ptr<OpenConverter> converter) {
     for (std::atomic<OpenConverter*>& slot : cachedConverters) {
         OpenConverter* empty = nullptr;
         if (slot.compare_exchange_strong(empty, converter.get(), std::memory_order_acq_rel)) {
-            converter.release();
+            static_cast<void>(converter.release());
             return;
         }
     }
@@ -140,7 +140,7 @@ bool IcuConvert(const char* inputEncoding, const char* input, size_t length, con
         char* target = output->data() + used;
         ucnv_convertEx(to.Get(), from.Get(), &target, output->data() + output->size(), &source,
                        input + length, pivot.data(), &pivotSource, &pivotTarget, pivot.data() + pivot.size(),
-                       first, true, &status);
+                       static_cast<UBool>(first), UBool{1}, &status);
         used = static_cast<size_t>(target - output->data());
         if (status != U_BUFFER_OVERFLOW_ERROR) {
             output->resize(U_SUCCESS(status) ? used : before);
@@ -349,6 +349,7 @@ void MarkSupported() {
             ucnv_open(EncodingTable_Row(i).names, &status));
         EncodingTable_SetSupported(i, U_SUCCESS(status));
     }
+    ucnv_flushCache(); // most will never be used again
 }
 
 } // namespace

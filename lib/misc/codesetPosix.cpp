@@ -18,7 +18,7 @@ public:
             iconv_close(handle_);
         }
     }
-    explicit operator bool() const { return handle_ != reinterpret_cast<iconv_t>(-1); }
+    explicit operator bool() const { return reinterpret_cast<intptr_t>(handle_) != -1; }
     iconv_t Get() const { return handle_; }
 
 private:
