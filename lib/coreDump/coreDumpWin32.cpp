@@ -218,8 +218,8 @@ void ReserveStack() {
         return;
     }
     char* reserve = static_cast<char*>(stack.AllocationBase) + RESERVED_STACK_BYTES;
-    if (VirtualQuery(reserve, &limit, sizeof limit) != 0 && limit.BaseAddress == reserve &&
-        &here - reserve > 0 && limit.State == MEM_COMMIT && limit.Protect == PAGE_READWRITE) {
+    if (VirtualQuery(reserve, &limit, sizeof limit) != 0 && limit.BaseAddress == reserve && reserve < &here &&
+        limit.State == MEM_COMMIT && limit.Protect == PAGE_READWRITE) {
         DWORD before = 0;
         SYSTEM_INFO system;
         GetSystemInfo(&system);
