@@ -331,7 +331,7 @@ bool FromUtf16(const char16_t* text, size_t units, std::string* out) {
         if (!FromUtf16(text, units, small.data(), small.size(), &length)) {
             return false;
         }
-        out->assign(small.data(), length);
+        *out = std::string(small.data(), length); // which is quicker than to assign
         return true;
     }
     std::string large(CodeSetUtf_Bytes(text, units), 0);
@@ -400,7 +400,7 @@ bool CodeSet_ToUtf16(const char* utf8, size_t length, CodeSet_Utf16* out) {
         if (!ToUtf16(utf8, length, small.data(), small.size(), &units)) {
             return false;
         }
-        out->assign(reinterpret_cast<const CodeSet_Unit*>(small.data()), units);
+        *out = CodeSet_Utf16(reinterpret_cast<const CodeSet_Unit*>(small.data()), units);
         return true;
     }
     CodeSet_Utf16 large(CodeSetUtf_Units(utf8, length), 0);
