@@ -13,6 +13,7 @@ namespace {
 constexpr char GUEST_PREFIX[] = "[RLToolsUpgrader]: "; // before each of the program's own debug texts
 constexpr double TERMINAL_PROGRESS = 0.2;              // seconds between two progress lines
 constexpr double PLAIN_PROGRESS = 2;
+constexpr uint32_t INSTALLER_PATIENCE = 500; // milliseconds
 constexpr wchar_t COMPLETION_EVENT[] = L"Global\\ToolsUpgradeComplete";
 
 std::atomic<bool> interrupted{false};
@@ -335,7 +336,8 @@ bool Prepare(Front* front, std::string* error) {
 void Finish(Front* front) {
     TakeGuestErrors(front, true);
     InspectGuest(front);
-    uint32_t left = GuestProcess_End(&front->guest);
+    // An installer that the guest has waited for may still be busy with its own end.
+    uint32_t left = GuestProcess_End(&front->guest, front->report.guestExit ? INSTALLER_PATIENCE : 0);
     front->report.processesLeft = front->report.guestExit ? left : 0;
     Host_Finish(&front->host);
     front->report.seconds = Now(*front);

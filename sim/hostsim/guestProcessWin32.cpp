@@ -116,6 +116,17 @@ uint32_t ActiveProcesses(HANDLE job) {
     return accounting.ActiveProcesses;
 }
 
+// How many processes are left after at most `limit` milliseconds.
+uint32_t WaitUntilEmpty(HANDLE job, DWORD limit) {
+    constexpr DWORD STEP = 10;
+    uint32_t left = ActiveProcesses(job);
+    for (DWORD waited = 0; left > 0 && waited < limit; waited += STEP) {
+        Sleep(STEP);
+        left = ActiveProcesses(job);
+    }
+    return left;
+}
+
 } // namespace
 
 std::wstring GuestProcess_CommandLine(const std::wstring& program,
@@ -175,11 +186,9 @@ std::string GuestProcess_TakeErrors(GuestProcess* guest) {
     return text;
 }
 
-uint32_t GuestProcess_End(GuestProcess* guest) {
-    uint32_t left = ActiveProcesses(guest->job.Get());
+uint32_t GuestProcess_End(GuestProcess* guest, uint32_t patience) {
+    uint32_t left = WaitUntilEmpty(guest->job.Get(), patience);
     TerminateJobObject(guest->job.Get(), 1);
-    for (DWORD waited = 0; ActiveProcesses(guest->job.Get()) > 0 && waited < END_LIMIT; waited += 10) {
-        Sleep(10);
-    }
+    WaitUntilEmpty(guest->job.Get(), END_LIMIT);
     return left;
 }

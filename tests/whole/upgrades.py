@@ -129,10 +129,14 @@ class Bench:
         command += ["--image", str(image)] if image else []
         command += [*case.options, "--", "C:\\upgrader\\rlupgrader.exe", *case.guest]
         env = {**wineprefix.environment(self.prefix), **case.env}
-        done = subprocess.run(command, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, timeout=case.limit + 60, check=False)
+        # Not a pipe: Wine's own services inherit it, and they stay.
+        with open(self.work / "output.txt", "w+b") as output:
+            done = subprocess.run(command, env=env, stdin=subprocess.DEVNULL, stdout=output,
+                                  stderr=subprocess.STDOUT, timeout=case.limit + 60, check=False)
+            output.seek(0)
+            said = output.read().decode("utf-8", "replace")
         text = transcript.read_text("utf-8", "replace") if transcript.exists() else ""
-        return Run(done.returncode, done.stdout.decode("utf-8", "replace"), text)
+        return Run(done.returncode, said, text)
 
     def processes(self):
         """What of ours runs in the prefix."""
