@@ -354,7 +354,8 @@ bool Iso9660HoldsUdf(Iso9660_Image* image) {
     // The sequence that announces it: BEA01, one of the two NSR, TEA01, among at most a few others.
     static constexpr const char* passed[] = {"CD001", "BEA01", "BOOT2", "CDW02"};
     static constexpr uint64_t maximumSectors = 16;
-    for (uint64_t sector = image->nextDescriptor; sector < image->nextDescriptor + maximumSectors; ++sector) {
+    uint64_t end = std::min<uint64_t>(image->nextDescriptor + maximumSectors, ISO_END_OF_DESCRIPTORS);
+    for (uint64_t sector = image->nextDescriptor; sector < end; ++sector) {
         IsoBytes descriptor(image->scratch);
         if (Iso9660ReadSectors(image, sector, 1, image->scratch.data()) != FileIOResult::Success) {
             return false;

@@ -243,9 +243,8 @@ Iso9660_Result MaximumDirectoryReads(Iso9660_Image* image, uint64_t* reads) {
 
 void WarnOfUdf(const Extraction& extraction) {
     if (extraction.files <= MAXIMUM_README_FILES && Iso9660HoldsUdf(extraction.image)) {
-        Debug("Iso9660_Extract: %s: only %u files here, but the image also holds a UDF file system, which is "
-              "not "
-              "read\n",
+        Debug("Iso9660_Extract: %s: only %u files here, but the image also holds a UDF file system, "
+              "which is not read\n",
               Iso9660Printable(extraction.source + "\\").c_str(), extraction.files);
     }
 }

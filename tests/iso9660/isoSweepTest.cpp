@@ -216,8 +216,7 @@ TEST_F(IsoSweep, DamagedAtEveryByte) {
         if (original == 0 && i % TEST_SECTOR > 500) {
             continue;
         }
-        for (int value :
-             {0x00, 0xFF, original ^ 0x01, original ^ 0x80, original ^ 0x20, 0x2F, 0x5C, 0x3A, 0x2E}) {
+        for (int value : {0x00, 0xFF, original ^ 0x01, original ^ 0x80, 0x2F, 0x5C, 0x3A}) {
             image.bytes[i] = static_cast<uint8_t>(value);
             for (uint32_t wanted : {0u, ISO9660_WANT_JOLIET, ISO9660_WANT_ROCK_RIDGE}) {
                 FileMemory_Reset(image.bytes);
