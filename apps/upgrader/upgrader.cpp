@@ -4,6 +4,7 @@
 #include "hgfslib/hgfsServer.h"
 #include "hvPort/hvPort.h"
 #include "iso9660/iso9660.h"
+#include "log/log.h"
 #include "misc/diag.h"
 #include "rpcout/rpcout.h"
 #include "string/str.h"
@@ -145,17 +146,24 @@ bool SendGreeting(const std::string& directory) {
 
 bool ExtractImage(const std::string& imagePath, const std::string& directory) {
     Iso9660_Image* image = nullptr;
-    if (Iso9660_Open(imagePath.c_str(), ISO9660_WANT_JOLIET, 0, &image) != Iso9660_Result::Success) {
+    Iso9660_Result result = Iso9660_Open(imagePath.c_str(), ISO9660_WANT_JOLIET, 0, &image);
+    if (result != Iso9660_Result::Success) {
         Debug("Error in Iso9660_Open\n");
+        Log_Level(LOG_ALWAYS, "Could not open the image [%s], result %d", imagePath.c_str(),
+                  static_cast<int>(result));
         return false;
     }
     Debug("Extracting %s to %s\n", imagePath.c_str(), directory.c_str());
-    bool extracted = Iso9660_Extract(image, UPGRADER_SEPARATOR, directory.c_str()) == Iso9660_Result::Success;
-    if (!extracted) {
+    result = Iso9660_Extract(image, UPGRADER_SEPARATOR, directory.c_str());
+    if (result == Iso9660_Result::Success) {
+        Log_Level(LOG_DETAIL, "Extracted the image to [%s]", directory.c_str());
+    } else {
         Debug("Error in Iso9660_Extract\n");
+        Log_Level(LOG_ALWAYS, "Could not extract the image to [%s], result %d", directory.c_str(),
+                  static_cast<int>(result));
     }
     Iso9660_Close(image);
-    return extracted;
+    return result == Iso9660_Result::Success;
 }
 
 // The steps after the first one have no command that starts them.
@@ -178,6 +186,16 @@ void RemoveImage(const std::string& guestFileRoot) {
         Debug(" succeeded.\n");
     } else {
         Debug(" failed. Please finish the removal process manually.\n");
+    }
+}
+
+// Returns at once; the system acts later.
+void AskForPowerAction(bool reboot) {
+    const char* action = reboot ? "reboot" : "shutdown";
+    Debug("%s", reboot ? "Upgrader rebooting VM.\n" : "Upgrader shutting down VM.\n");
+    Log_Level(LOG_DETAIL, "Asking the system for a %s", action);
+    if (uint32_t error = System_Shutdown(reboot); error != 0) {
+        Log_Level(LOG_ALWAYS, "The system refused the %s, error %u", action, static_cast<unsigned>(error));
     }
 }
 
@@ -223,6 +241,7 @@ bool UpgraderSetGuestFileRoot(UpgraderData* data) {
     if (!directory || !SendGreeting(*directory)) {
         return false;
     }
+    Log_Level(LOG_DETAIL, "Guest file root [%s]", directory->c_str());
     data->guestFileRoot = std::move(directory);
     return true;
 }
@@ -284,6 +303,7 @@ bool UpgraderTurn(UpgraderData* data, uint64_t* sleep) {
     }
     if (uint32_t signal = upgraderConsoleSignal; signal != 0) {
         Debug("Exiting UpgraderLoop on signal %d\n", static_cast<int>(signal));
+        Log_Level(LOG_DETAIL, "Stopped by console signal %d", static_cast<int>(signal));
         return false;
     }
     return true;
@@ -307,17 +327,16 @@ void UpgraderEnd(UpgraderData* data) {
 
     HgfsServer_UnregisterFromChannel(data->rpcIn, UPGRADER_APP_NAME);
     StopChannel(data);
-    if (data->sendEnd && !RpcOut_SendRequest(nullptr, nullptr, "%s", "toolinstall.end 0")) {
-        Warning("Failed to send RPC to end tool install.\n");
+    if (data->sendEnd) {
+        Log_Level(LOG_DETAIL, "Telling the host that the installation did not succeed");
+        if (!RpcOut_SendRequest(nullptr, nullptr, "%s", "toolinstall.end 0")) {
+            Warning("Failed to send RPC to end tool install.\n");
+        }
     }
     delete data;
 
-    if (shutDown) {
-        Debug("Upgrader shutting down VM.\n");
-        System_Shutdown(false);
-    } else if (reboot) {
-        Debug("Upgrader rebooting VM.\n");
-        System_Shutdown(true);
+    if (shutDown || reboot) {
+        AskForPowerAction(reboot && !shutDown);
     }
 }
 
@@ -346,6 +365,7 @@ bool UpgraderTcloRun(const char** result, uint64_t* resultLength, const char* /*
             return RpcIn_SetResult(result, resultLength, "", true);
         }
     }
+    Log_Level(LOG_DETAIL, "Run [%s]", data->runArguments.value_or("").c_str());
     data->stepScheduled =
         EventManager_Add(data->eventQueue, UPGRADER_FIRST_STEP_DELAY, UpgraderInstallStep, data) != nullptr;
     return RpcIn_SetResult(result, resultLength, "", true);
@@ -355,6 +375,7 @@ bool UpgraderTcloCancel(const char** result, uint64_t* resultLength, const char*
                         const char* /*args*/, uint64_t /*argsSize*/, void* clientData) {
     auto* data = static_cast<UpgraderData*>(clientData);
     Debug("Received upgrader.cancel from RHD\n");
+    Log_Level(LOG_DETAIL, "Cancelled by the host");
     data->stop = true;
     data->sendEnd = false;
     return RpcIn_SetResult(result, resultLength, "", true);

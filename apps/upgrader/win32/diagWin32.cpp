@@ -1,7 +1,9 @@
-// The program's Debug, Warning and Panic: debugger output and the standard error stream.
+// The program's Debug, Warning and Panic: debugger output and the standard error stream. Nobody sees that
+// stream of a windowless program in a guest, so what goes there stands in the installer log, too.
 
 #include "misc/diag.h"
 
+#include "log/log.h"
 #include "string/str.h"
 
 #include <cstdarg>
@@ -27,6 +29,8 @@ void WarnV(const char* format, va_list arguments) {
     std::string text;
     if (Str_Vasprintf(&text, format, arguments)) {
         WriteToStandardError(text);
+        text.erase(text.find_last_not_of('\n') + 1);
+        Log_Level(LOG_ALWAYS, "%s", text.c_str());
     }
 }
 
