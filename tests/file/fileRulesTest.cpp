@@ -166,6 +166,18 @@ TEST(FileRules, OpenErrorsThatHaveAResult) {
     EXPECT_EQ(found, expected);
 }
 
+TEST(FileRules, LockErrorsHaveResults) {
+    const std::map<int, FileIOResult> special = {
+        {0, FileIOResult::LockFailed},    {30, FileIOResult::LockFailed},  {2, FileIOResult::FileNotFound},
+        {13, FileIOResult::NoPermission}, {38, FileIOResult::NameTooLong},
+    };
+    for (int error = 0; error < 100; error++) {
+        auto row = special.find(error);
+        EXPECT_EQ(FileIOResultFromLockError(error), row == special.end() ? FileIOResult::Error : row->second)
+            << error;
+    }
+}
+
 // The buffer is exactly as large as promised, so that the sanitizer sees a byte too many.
 std::string InsertIntoList(const std::string& list, const std::string& line) {
     std::vector<char> text(list.begin(), list.end());

@@ -73,19 +73,19 @@ void HelperProcess::Kill() {
     WaitForSingleObject(process_.Get(), INFINITE);
 }
 
-FileHolder::FileHolder(const std::wstring& file, DWORD milliseconds) {
+FileHolder::FileHolder(const std::wstring& file, DWORD milliseconds, const std::wstring& verb) {
     static int count = 0;
     std::wstring event =
         L"file-test-held-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++);
     KernelHandle held(CreateEventW(nullptr, TRUE, FALSE, event.c_str()));
-    helper_ = std::make_unique<HelperProcess>(L"hold \"" + file + L"\" " + std::to_wstring(milliseconds) +
+    helper_ = std::make_unique<HelperProcess>(verb + L" \"" + file + L"\" " + std::to_wstring(milliseconds) +
                                               L" " + event);
     if (WaitForSingleObject(held.Get(), 30000) != WAIT_OBJECT_0) {
         throw std::runtime_error("the helper does not hold the file");
     }
 }
 
-FileWin32Test::FileWin32Test() : calls_(fileWin32Calls) {
+FileWin32Test::FileWin32Test() : calls_(fileWin32Calls), processCalls_(fileProcessCalls) {
     std::filesystem::path path = NewDirectory();
     RemoveTree(L"\\\\?\\" + path.wstring()); // of an earlier run that was ended
     std::filesystem::create_directories(path);
@@ -96,6 +96,7 @@ FileWin32Test::FileWin32Test() : calls_(fileWin32Calls) {
 
 FileWin32Test::~FileWin32Test() {
     fileWin32Calls = calls_;
+    fileProcessCalls = processCalls_;
     RemoveTree(L"\\\\?\\" + WideText(directory_));
 }
 

@@ -31,10 +31,13 @@ private:
     DWORD id_ = 0;
 };
 
-// A helper that keeps a file open without sharing for some time; constructed when it has the file.
+// A helper that keeps a file for some time; constructed when it has it.
 class FileHolder {
 public:
-    FileHolder(const std::wstring& file, DWORD milliseconds);
+    // `verb` is "hold" for an open without sharing, "shared" or "exclusive" for the lock that an open takes.
+    FileHolder(const std::wstring& file, DWORD milliseconds, const std::wstring& verb = L"hold");
+
+    HelperProcess& Process() { return *helper_; }
 
 private:
     std::unique_ptr<HelperProcess> helper_;
@@ -56,6 +59,7 @@ protected:
 
 private:
     FileWin32Calls calls_; // the real ones
+    FileProcessCalls processCalls_;
 };
 
 // The system's own conversions, so that a test does not rest on the ones of the program.
