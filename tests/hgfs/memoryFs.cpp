@@ -270,10 +270,19 @@ uint32_t GetInfoByHandle(HgfsOsHandle handle, HgfsFileInfo* info) {
         return fs.failError;
     }
     const MemoryFile& file = *FileOf(handle).file;
-    *info = {{0x12345678, file.index}, file.data.size(), (file.data.size() + 4095) & ~uint64_t{4095},
-             file.creationTime,        file.accessTime,  file.writeTime,
-             file.changeTime,          file.attributes,  !file.linkTarget.empty(),
-             file.moreStreams,         file.linkTarget};
+    *info = {};
+    info->id = {0x12345678, file.index};
+    info->knowsVolume = true;
+    info->size = file.data.size();
+    info->allocationSize = (file.data.size() + 4095) & ~uint64_t{4095};
+    info->creationTime = file.creationTime;
+    info->accessTime = file.accessTime;
+    info->writeTime = file.writeTime;
+    info->changeTime = file.changeTime;
+    info->attributes = file.attributes;
+    info->isLink = !file.linkTarget.empty();
+    info->hasMoreStreams = file.moreStreams;
+    info->linkTarget = file.linkTarget;
     return HgfsErrorNone;
 }
 
@@ -288,6 +297,15 @@ uint32_t GetInfo(const std::string& path, HgfsFileInfo* info) {
     }
     OpenFile open{file, {}, 0};
     return GetInfoByHandle(&open, info);
+}
+
+uint32_t GetEntryInfo(const std::string& path, HgfsFileInfo* info) {
+    uint32_t error = GetInfo(path, info);
+    if (error == HgfsErrorNone) {
+        info->id.volume = 0;
+        info->knowsVolume = false;
+    }
+    return error;
 }
 
 uint32_t ApplyChange(MemoryFile* file, const HgfsFileChange& change) {
@@ -511,6 +529,7 @@ constexpr HgfsPlatform kMemory = {
     .getFileId = GetFileId,
     .getAttributes = GetAttributes,
     .getInfo = GetInfo,
+    .getEntryInfo = GetEntryInfo,
     .getInfoByHandle = GetInfoByHandle,
     .change = Change,
     .changeByHandle = ChangeByHandle,

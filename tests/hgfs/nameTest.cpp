@@ -283,6 +283,7 @@ TEST_F(HgfsNames, ListsDirectories) {
         EXPECT_EQ(entries[0].attributes.type, kHgfsTypeDirectory);
         EXPECT_EQ(entries[1].attributes.type, kHgfsTypeDirectory);
         EXPECT_EQ(entries[2].attributes.size, 3u);
+        EXPECT_EQ(entries[2].attributes.mask & kHgfsBlockVolumeId, 0u);
         EXPECT_EQ(entries[4].attributes.type, kHgfsTypeDirectory);
     }
     EXPECT_EQ(List(HgfsOpSearchRead, DriveName({"C"})).size(), 3u);

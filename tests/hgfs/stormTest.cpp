@@ -67,6 +67,9 @@ HgfsPlatform Fenced() {
     fenced.getInfo = [](const std::string& path, HgfsFileInfo* info) {
         return IsAllowed(path) ? System().getInfo(path, info) : HgfsErrorAccessDenied;
     };
+    fenced.getEntryInfo = [](const std::string& path, HgfsFileInfo* info) {
+        return IsAllowed(path) ? System().getEntryInfo(path, info) : HgfsErrorAccessDenied;
+    };
     fenced.listDirectory = [](const std::string& path, bool (*entry)(void* data, std::string_view name),
                               void* data) {
         return IsAllowed(path) ? System().listDirectory(path, entry, data) : HgfsErrorAccessDenied;

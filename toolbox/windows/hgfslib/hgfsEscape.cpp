@@ -21,10 +21,11 @@ constexpr std::array<std::string_view, 2> kNumberedDevices = {"COM", "LPT"};
 // What the rules make of each byte: its substitute, and the byte it is the substitute of. One look-up per
 // byte keeps ordinary names cheap.
 struct ByteTables {
-    std::array<char, 256> substitute{}; // 0 for a byte that is copied
-    std::array<bool, 256> special{};    // illegal, or '%'
-    std::array<bool, 256> introduces{}; // a '%' behind it is an escape
-    std::array<char, 256> original{};   // of a substitute; NUL for the last one
+    std::array<char, 256> substitute{};   // 0 for a byte that is copied
+    std::array<bool, 256> special{};      // illegal, or '%'
+    std::array<bool, 256> introduces{};   // a '%' behind it is an escape
+    std::array<char, 256> original{};     // of a substitute; NUL for the last one
+    std::array<bool, 256> beginsDevice{}; // a reserved name may begin with it
 };
 constexpr ByteTables MakeByteTables() {
     ByteTables tables;
@@ -39,6 +40,10 @@ constexpr ByteTables MakeByteTables() {
     tables.introduces[static_cast<uint8_t>(kEscapedEscape)] = true;
     tables.original[static_cast<uint8_t>(kEscapedEscape)] = kEscape;
     tables.special[static_cast<uint8_t>(kEscape)] = true;
+    for (std::string_view device : kDevices) {
+        tables.beginsDevice[static_cast<uint8_t>(device[0])] = true;
+        tables.beginsDevice[static_cast<uint8_t>(device[0] - 'A' + 'a')] = true;
+    }
     return tables;
 }
 constexpr ByteTables kBytes = MakeByteTables();
@@ -53,7 +58,8 @@ bool BeginsWith(std::string_view name, std::string_view upper) {
 }
 
 bool BeginsWithDevice(std::string_view name) {
-    return std::ranges::any_of(kDevices, [&](std::string_view device) { return BeginsWith(name, device); });
+    return !name.empty() && kBytes.beginsDevice[static_cast<uint8_t>(name[0])] &&
+           std::ranges::any_of(kDevices, [&](std::string_view device) { return BeginsWith(name, device); });
 }
 
 bool BeginsWithNumberedDevice(std::string_view name) {
@@ -108,17 +114,24 @@ bool NeedsTrailingEscape(std::string_view component) {
     return component != "." && component != ".." && IsTrailing(component.back());
 }
 
+// The next byte at or behind `position` that is not simply copied, or might not be.
+size_t FindSpecial(std::string_view component, size_t position) {
+    while (position < component.size() && !kBytes.special[static_cast<uint8_t>(component[position])]) {
+        ++position;
+    }
+    return position;
+}
+
 // How many bytes the escape adds to a component: each rule that fires inserts one.
 size_t CountEscapes(std::string_view component) {
     const size_t deviceEscape = DeviceEscape(component);
     size_t position = ReservedLength(component);
     size_t count = position > 0 ? 1 : 0;
-    for (; position < component.size(); ++position) {
-        auto byte = static_cast<uint8_t>(component[position]);
-        if (kBytes.special[byte] &&
-            (component[position] != kEscape || IsEscape(component, position, deviceEscape))) {
+    while ((position = FindSpecial(component, position)) < component.size()) {
+        if (component[position] != kEscape || IsEscape(component, position, deviceEscape)) {
             ++count;
         }
+        ++position;
     }
     return count + (NeedsTrailingEscape(component) ? 1 : 0);
 }
@@ -157,37 +170,48 @@ bool ApplyToComponent(std::string_view component, BoundedOutput* out) {
     if (position > 0 && !(out->Put(component.substr(0, position)) && out->Put(kEscape))) {
         return false;
     }
-    for (; position < component.size(); ++position) {
-        char c = component[position];
-        char substitute = kBytes.substitute[static_cast<uint8_t>(c)];
-        bool written = substitute != '\0' ? out->Put(substitute, kEscape)
-                       : c == kEscape && IsEscape(component, position, deviceEscape)
-                           ? out->Put(kEscapedEscape, c)
-                           : out->Put(c);
+    for (;;) {
+        const size_t special = FindSpecial(component, position);
+        if (!out->Put(component.substr(position, special - position))) {
+            return false;
+        }
+        if (special == component.size()) {
+            break;
+        }
+        const char c = component[special];
+        const char substitute = kBytes.substitute[static_cast<uint8_t>(c)];
+        const bool written = substitute != '\0'                           ? out->Put(substitute, kEscape)
+                             : IsEscape(component, special, deviceEscape) ? out->Put(kEscapedEscape, c)
+                                                                          : out->Put(c);
         if (!written) {
             return false;
         }
+        position = special + 1;
     }
     return !NeedsTrailingEscape(component) || out->Put(kEscape);
 }
 
 // Undoes the escape of one component, reading from `component` and writing at `out`, which is never ahead of
-// it: the byte in front of the one that is looked at is still the component's own, the ones before may not
+// it. The byte in front of the one that is looked at is still the component's own; those before it may not
 // be.
 char* ReverseComponent(std::string_view component, char* out) {
     const size_t deviceEscape = DeviceEscape(component);
-    for (size_t position = 0; position < component.size(); ++position) {
-        char c = component[position];
-        if (c != kEscape || !IsEscape(component, position, deviceEscape)) {
-            *out++ = c;
-            continue;
+    for (size_t position = 0;;) {
+        const size_t escape = std::min(component.find(kEscape, position), component.size());
+        const bool removed = escape < component.size() && IsEscape(component, escape, deviceEscape);
+        // Looked at before the move puts another byte in its place.
+        const uint8_t before = removed ? static_cast<uint8_t>(component[escape - 1]) : 0;
+        const size_t length = escape - position + (escape < component.size() && !removed ? 1 : 0);
+        std::memmove(out, component.data() + position, length);
+        out += length;
+        if (escape == component.size()) {
+            return out;
         }
-        auto before = static_cast<uint8_t>(component[position - 1]);
         if (kBytes.introduces[before]) {
             out[-1] = kBytes.original[before];
         }
+        position = escape + 1;
     }
-    return out;
 }
 
 } // namespace

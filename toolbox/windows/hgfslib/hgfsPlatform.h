@@ -84,7 +84,8 @@ struct HgfsFileId {
 };
 
 struct HgfsFileInfo {
-    HgfsFileId id;
+    HgfsFileId id; // without the volume, unless that is known
+    bool knowsVolume;
     uint64_t size;
     uint64_t allocationSize;
     uint64_t creationTime;
@@ -136,6 +137,8 @@ struct HgfsPlatform {
     uint32_t (*getFileId)(HgfsOsHandle handle, HgfsFileId* id);
     uint32_t (*getAttributes)(const std::string& path, uint32_t* attributes);
     uint32_t (*getInfo)(const std::string& path, HgfsFileInfo* info);
+    // The volume is what takes longest to find out; this leaves it open.
+    uint32_t (*getEntryInfo)(const std::string& path, HgfsFileInfo* info);
     uint32_t (*getInfoByHandle)(HgfsOsHandle handle, HgfsFileInfo* info);
     uint32_t (*change)(const std::string& path, const HgfsFileChange& change);
     uint32_t (*changeByHandle)(HgfsOsHandle handle, const HgfsFileChange& change);

@@ -27,12 +27,11 @@ void WriteAttributesV1(HgfsPacketWriter* writer, size_t at, const HgfsFileInfo& 
 constexpr uint64_t kReportedFields = kHgfsBlockType | kHgfsBlockSize | kHgfsBlockCreation | kHgfsBlockAccess |
                                      kHgfsBlockWrite | kHgfsBlockChange | kHgfsBlockOwnerPerms |
                                      kHgfsBlockGroupPerms | kHgfsBlockOtherPerms | kHgfsBlockAttributes |
-                                     kHgfsBlockAllocationSize | kHgfsBlockFileId | kHgfsBlockVolumeId |
-                                     kHgfsBlockEffectivePerms;
+                                     kHgfsBlockAllocationSize | kHgfsBlockFileId | kHgfsBlockEffectivePerms;
 
 void WriteAttributesV2(HgfsPacketWriter* writer, size_t at, const HgfsFileInfo& info) {
     const uint8_t permissions = PermissionsOf(info);
-    writer->U64(at + HgfsAttrV2::Mask, kReportedFields);
+    writer->U64(at + HgfsAttrV2::Mask, kReportedFields | (info.knowsVolume ? kHgfsBlockVolumeId : 0));
     writer->U32(at + HgfsAttrV2::Type, TypeOf(info));
     writer->U64(at + HgfsAttrV2::FileSize, info.size);
     writer->U64(at + HgfsAttrV2::CreationTime, info.creationTime);

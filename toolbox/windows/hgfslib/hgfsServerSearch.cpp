@@ -48,7 +48,7 @@ std::string EntryPath(std::string directory, std::string_view entry) {
 // An entry may be gone by now, or refuse to be looked at; it is listed all the same, with no attributes.
 const HgfsFileInfo* EntryInfo(const std::string& path, HgfsFileInfo* info) {
     const bool known = HgfsServerCheckPath(path) == HgfsErrorNone &&
-                       hgfsServer.platform->getInfo(path, info) == HgfsErrorNone;
+                       hgfsServer.platform->getEntryInfo(path, info) == HgfsErrorNone;
     return known ? info : nullptr;
 }
 

@@ -307,33 +307,47 @@ bool HasMoreStreams(HANDLE handle) {
     return status == kSuccess && HgfsNative_HasMoreStreams({buffer, std::min(filled, sizeof buffer)});
 }
 
-uint32_t GetInfoByHandle(HgfsOsHandle handle, HgfsFileInfo* info) {
-    BY_HANDLE_FILE_INFORMATION known;
-    if (!GetFileInformationByHandle(handle, &known)) {
-        return LastError();
-    }
+// Everything but the volume.
+uint32_t GetEntryInfoByHandle(HANDLE handle, HgfsFileInfo* info) {
     FILE_BASIC_INFORMATION basic{};
-    if (NTSTATUS status = Query(handle, FileBasicInformation, &basic, sizeof basic); status != kSuccess) {
-        return ErrorOf(status);
-    }
     FILE_STANDARD_INFORMATION standard{};
-    if (NTSTATUS status = Query(handle, FileStandardInformation, &standard, sizeof standard);
-        status != kSuccess) {
+    FILE_INTERNAL_INFORMATION internal{};
+    NTSTATUS status = Query(handle, FileBasicInformation, &basic, sizeof basic);
+    if (status == kSuccess) {
+        status = Query(handle, FileStandardInformation, &standard, sizeof standard);
+    }
+    if (status == kSuccess) {
+        status = Query(handle, FileInternalInformation, &internal, sizeof internal);
+    }
+    if (status != kSuccess) {
         return ErrorOf(status);
     }
+    auto number = [](LARGE_INTEGER value) { return static_cast<uint64_t>(value.QuadPart); };
+    const bool directory = (basic.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     *info = {};
-    info->id = {known.dwVolumeSerialNumber, Join(known.nFileIndexHigh, known.nFileIndexLow)};
-    info->attributes = known.dwFileAttributes;
-    info->size = (known.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                     ? 0
-                     : Join(known.nFileSizeHigh, known.nFileSizeLow);
-    info->allocationSize = static_cast<uint64_t>(standard.AllocationSize.QuadPart);
-    info->creationTime = Join(known.ftCreationTime);
-    info->accessTime = Join(known.ftLastAccessTime);
-    info->writeTime = Join(known.ftLastWriteTime);
-    info->changeTime = static_cast<uint64_t>(basic.ChangeTime.QuadPart);
+    info->id.index = number(internal.IndexNumber);
+    info->attributes = basic.FileAttributes;
+    info->size = directory ? 0 : number(standard.EndOfFile);
+    info->allocationSize = number(standard.AllocationSize);
+    info->creationTime = number(basic.CreationTime);
+    info->accessTime = number(basic.LastAccessTime);
+    info->writeTime = number(basic.LastWriteTime);
+    info->changeTime = number(basic.ChangeTime);
     info->hasMoreStreams = HasMoreStreams(handle);
     return ERROR_SUCCESS;
+}
+
+uint32_t GetInfoByHandle(HgfsOsHandle handle, HgfsFileInfo* info) {
+    HgfsFileId id;
+    uint32_t error = GetFileId(handle, &id);
+    if (error == ERROR_SUCCESS) {
+        error = GetEntryInfoByHandle(handle, info);
+    }
+    if (error == ERROR_SUCCESS) {
+        info->id = id;
+        info->knowsVolume = true;
+    }
+    return error;
 }
 
 uint32_t OpenQuietly(const std::string& path, DWORD access, DWORD extraFlags, FileHandle* file) {
@@ -359,11 +373,13 @@ std::string LinkTarget(HANDLE handle) {
     return Unicode_FromWide(std::wstring(target.begin(), target.end())).value_or(std::string());
 }
 
-uint32_t GetInfo(const std::string& path, HgfsFileInfo* info) {
+using InfoCall = uint32_t (*)(HANDLE handle, HgfsFileInfo* info);
+
+uint32_t GetInfoOfPath(const std::string& path, InfoCall getInfo, HgfsFileInfo* info) {
     FileHandle file;
     uint32_t error = OpenQuietly(path, FILE_READ_ATTRIBUTES, FILE_FLAG_OPEN_REPARSE_POINT, &file);
     if (error == ERROR_SUCCESS) {
-        error = GetInfoByHandle(file.Get(), info);
+        error = getInfo(file.Get(), info);
     }
     if (error != ERROR_SUCCESS || !(info->attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
         return error;
@@ -372,12 +388,20 @@ uint32_t GetInfo(const std::string& path, HgfsFileInfo* info) {
     if (!target.empty()) {
         FileHandle followed;
         if (OpenQuietly(path, FILE_READ_ATTRIBUTES, 0, &followed) == ERROR_SUCCESS) {
-            GetInfoByHandle(followed.Get(), info);
+            getInfo(followed.Get(), info);
         }
         info->isLink = true;
         info->linkTarget = std::move(target);
     }
     return ERROR_SUCCESS;
+}
+
+uint32_t GetInfo(const std::string& path, HgfsFileInfo* info) {
+    return GetInfoOfPath(path, GetInfoByHandle, info);
+}
+
+uint32_t GetEntryInfo(const std::string& path, HgfsFileInfo* info) {
+    return GetInfoOfPath(path, GetEntryInfoByHandle, info);
 }
 
 uint32_t GetAttributes(const std::string& path, uint32_t* attributes) {
@@ -633,6 +657,7 @@ constexpr HgfsPlatform kWindows = {
     .getFileId = GetFileId,
     .getAttributes = GetAttributes,
     .getInfo = GetInfo,
+    .getEntryInfo = GetEntryInfo,
     .getInfoByHandle = GetInfoByHandle,
     .change = Change,
     .changeByHandle = ChangeByHandle,
