@@ -14,23 +14,31 @@
 
 namespace {
 
-constexpr size_t DEBUG_BYTES = 1024;
+constexpr size_t DEBUG_BYTES = 1024; // one message of Debug; longer ones are cut
 
-void WriteToStandardError(const std::string& text) {
+void WriteToStandardError(const char* text, size_t length) {
     // Not through the C runtime: a windowed program's stderr is not connected unless somebody made it so.
     HANDLE error = GetStdHandle(STD_ERROR_HANDLE);
     DWORD written = 0;
     if (error && error != INVALID_HANDLE_VALUE) {
-        WriteFile(error, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+        WriteFile(error, text, static_cast<DWORD>(length), &written, nullptr);
     }
 }
 
+// Most messages are short: they need no memory, so that a program without any can still say why it ends.
 void WarnV(const char* format, va_list arguments) {
+    char brief[DEBUG_BYTES];
+    va_list copy;
+    va_copy(copy, arguments);
+    int length = _vsnprintf(brief, sizeof brief, format, copy);
+    va_end(copy);
+    if (length >= 0) {
+        WriteToStandardError(brief, static_cast<size_t>(length));
+        return;
+    }
     std::string text;
     if (Str_Vasprintf(&text, format, arguments)) {
-        WriteToStandardError(text);
-        text.erase(text.find_last_not_of('\n') + 1);
-        Log_Level(LOG_ALWAYS, "%s", text.c_str());
+        WriteToStandardError(text.data(), text.size());
     }
 }
 
