@@ -53,6 +53,7 @@ bool ParseOptions(int argumentCount, char** arguments, UpgraderData* data) {
             data->shutdown = true;
             break;
         default:
+            Log_Level(LOG_DETAIL, "Showing the usage box"); // which waits for somebody to close it
             UpgraderUsage(arguments[0]);
             Debug("Upgrader failed parsing command line arguments.\n");
             return false;

@@ -3,6 +3,7 @@
 #include "upgrader/upgrader.h"
 
 #include "file/file.h"
+#include "log/log.h"
 #include "misc/diag.h"
 #include "string/str.h"
 #include "unicode/unicode.h"
@@ -37,6 +38,7 @@ void UpgraderRemoveOwnDirectory() {
     std::string directory;
     File_GetPathName(*path, &directory, nullptr);
     Debug("Searching in %s\n", directory.c_str());
+    Log_Level(LOG_DETAIL, "Removing [%s] at the next restart", directory.c_str());
 
     std::vector<std::string> names;
     int count = File_ListDirectory(directory.c_str(), &names);
