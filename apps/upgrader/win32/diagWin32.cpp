@@ -16,13 +16,18 @@ namespace {
 
 constexpr size_t DEBUG_BYTES = 1024; // one message of Debug; longer ones are cut
 
-void WriteToStandardError(const char* text, size_t length) {
+// In both places: the standard error stream gets the text as it is, the log a line without an end of its own.
+void Write(const char* text, size_t length) {
     // Not through the C runtime: a windowed program's stderr is not connected unless somebody made it so.
     HANDLE error = GetStdHandle(STD_ERROR_HANDLE);
     DWORD written = 0;
     if (error && error != INVALID_HANDLE_VALUE) {
         WriteFile(error, text, static_cast<DWORD>(length), &written, nullptr);
     }
+    while (length > 0 && text[length - 1] == '\n') {
+        --length;
+    }
+    Log_Level(LOG_ALWAYS, "%.*s", static_cast<int>(length), text);
 }
 
 // Most messages are short: they need no memory, so that a program without any can still say why it ends.
@@ -33,12 +38,12 @@ void WarnV(const char* format, va_list arguments) {
     int length = _vsnprintf(brief, sizeof brief, format, copy);
     va_end(copy);
     if (length >= 0) {
-        WriteToStandardError(brief, static_cast<size_t>(length));
+        Write(brief, static_cast<size_t>(length));
         return;
     }
     std::string text;
     if (Str_Vasprintf(&text, format, arguments)) {
-        WriteToStandardError(text.data(), text.size());
+        Write(text.data(), text.size());
     }
 }
 
