@@ -2,7 +2,7 @@
 # Checks the model of the lock protocol with spin: tests/model/run.sh [quick|full]
 #
 # First the protocol as it is, which must hold; then with one of its foundations taken away, which must fail, or
-# the model would show nothing. The last line counts. Needs the packages spin and gcc.
+# the model would show nothing. The last line counts. Needs spin and a C compiler.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
@@ -17,7 +17,7 @@ check() {
     shift 2
     rm -rf "$work/run" && mkdir "$work/run"
     (cd "$work/run" && spin -a "$@" "$here/fileLock.pml" > spin.log &&
-        gcc -O2 -w -DSAFETY -DCOLLAPSE -DVECTORSZ=2048 -o pan pan.c && ./pan -m1000000 -w24 ${PAN:-} > pan.log) || true
+        cc -O2 -w -DSAFETY -DCOLLAPSE -DVECTORSZ=2048 -o pan pan.c && ./pan -m1000000 -w24 ${PAN:-} > pan.log) || true
     log=$work/run/pan.log
     if grep -q 'errors: 1' "$log"; then
         outcome=fails
