@@ -309,6 +309,33 @@ BOXES = [
 
 
 
+# Other releases of Windows, as far as Wine plays them: it tells their version numbers.
+class Release:
+    def __init__(self, name):
+        self.name = name
+
+    def make(self, bench):
+        wine(bench, "reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", self.name, "/f")
+        return image("done", LAUNCHER, settings=["Behaviour=exit"])(bench)
+
+    @staticmethod
+    def check(bench, _run):
+        wine(bench, "reg", "delete", "HKCU\\Software\\Wine", "/v", "Version", "/f")
+
+
+def release(name, through_session):
+    played = Release(name)
+    session = ["System_IsLoginScreenActive: desktop name is"]
+    return Case(f"release-{name}", guest=["-s"], image=played.make,
+                check=every(played.check, logged("Asking the system for a shutdown")),
+                said=["Setup process returned 0", SHUTS_DOWN] + session * through_session,
+                unsaid=[END_SENT] + session * (not through_session))
+
+
+RELEASES = [release("win2k", True),
+            *[release(name, False) for name in ("winxp64", "win2003", "vista", "win2008r2", "win10")]]
+
+
 def usage(language):
     name = "usage-" + language[:2]
     person = Person(name, "Return", image_maker=lambda bench: None)
@@ -321,4 +348,4 @@ USAGE = [usage(language) for language in ("en_US", "de_DE", "fr_FR", "es_ES", "i
 if __name__ == "__main__":
     if "RL_DISPLAY" not in os.environ:
         os.execv(ROOT / "scripts" / "with-display.sh", ["with-display.sh", sys.executable, __file__, *sys.argv[1:]])
-    sys.exit(main(INSTALLERS + CONSOLE + BOXES + USAGE))
+    sys.exit(main(INSTALLERS + CONSOLE + RELEASES + BOXES + USAGE))
