@@ -31,7 +31,8 @@ inline constexpr uint32_t FILELOCK_WAIT_FOREVER = 0xFFFFFFFF;
 // pauses of 100 ms to 2 s; waiting for somebody in the doorway comes on top. Where the medium is read-only or
 // access is denied, a shared lock is granted without any file, with a warning. The token is given back with
 // FileLock_Unlock. Null on failure, with an errno-style code (see file.h) in `error`, where 0 means that the
-// wait timed out and 34 that there is no ticket above those in the directory.
+// wait timed out, 11 that a file stands where the directory should be or that others took us for dead, and 34
+// that there is no ticket above those in the directory.
 FileLock_Token* FileLock_Lock(const char* fileName, bool readOnly, uint32_t maxWaitMs, int* error);
 
 // Releases a lock and the token. The same name as given to FileLock_Lock. Returns an errno-style code.

@@ -1,7 +1,9 @@
 // Taking names apart: volume, directory, base. Pure text.
 #include "file/file.h"
 
+#include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -47,20 +49,22 @@ NameParts FileSplit(std::string_view name) {
     return parts;
 }
 
-void FileStore(std::string* out, std::string_view part) {
+void FileStore(std::string* out, std::string part) {
     if (out != nullptr) {
-        *out = part;
+        *out = std::move(part);
     }
 }
 
 } // namespace
 
 void File_SplitName(const std::string& name, std::string* volume, std::string* directory, std::string* base) {
-    std::string copy = name; // an out argument may be the name itself
-    NameParts parts = FileSplit(copy);
-    FileStore(volume, parts.volume);
-    FileStore(directory, parts.directory);
-    FileStore(base, parts.base);
+    // All parts are taken before the first is stored: an out argument may be the name itself.
+    NameParts parts = FileSplit(name);
+    std::string volumePart(parts.volume);
+    std::string directoryPart(parts.directory);
+    FileStore(base, std::string(parts.base));
+    FileStore(directory, std::move(directoryPart));
+    FileStore(volume, std::move(volumePart));
 }
 
 void File_GetPathName(const std::string& name, std::string* path, std::string* base) {
@@ -72,8 +76,8 @@ void File_GetPathName(const std::string& name, std::string* path, std::string* b
     while (!volume.empty() && FileIsSeparator(volume.back())) {
         volume.pop_back();
     }
-    FileStore(path, volume);
-    FileStore(base, lastPart);
+    FileStore(path, std::move(volume));
+    FileStore(base, std::move(lastPart));
 }
 
 std::string File_StripSlashes(const std::string& name) {

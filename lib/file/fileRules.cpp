@@ -55,7 +55,8 @@ std::optional<int> FileErrnoFromWin32(uint32_t win32Error) {
 uint32_t FileRandomAdvance(uint32_t state) {
     // Twice the multiplier, so that the product's high half is the quotient by 2^31 and the halved low half
     // the remainder; their sum is congruent to the product modulo 2^31 - 1.
-    uint64_t product = uint64_t{state} * (2 * 16807);
+    constexpr uint64_t TWICE_MULTIPLIER = uint64_t{2} * 16807;
+    uint64_t product = state * TWICE_MULTIPLIER;
     uint32_t sum = (static_cast<uint32_t>(product) >> 1) + static_cast<uint32_t>(product >> 32);
     return static_cast<int32_t>(sum) > 0 ? sum : (sum & 0x7FFFFFFF) + 1;
 }
@@ -122,12 +123,12 @@ size_t FileRenameListInsert(std::span<char> text, size_t used, std::string_view 
     size_t header = std::string_view(text.data(), used).find(FILE_RENAME_SECTION);
     size_t insertAt = header + FILE_RENAME_SECTION.size();
     if (header == std::string_view::npos) {
-        std::ranges::copy(FILE_RENAME_SECTION, text.begin() + used);
+        std::ranges::copy(FILE_RENAME_SECTION, text.subspan(used).begin());
         used += FILE_RENAME_SECTION.size();
         insertAt = used;
-    } else {
-        std::copy_backward(text.begin() + insertAt, text.begin() + used, text.begin() + used + line.size());
     }
-    std::ranges::copy(line, text.begin() + insertAt);
+    std::span<char> behind = text.subspan(insertAt, used - insertAt);
+    std::ranges::copy_backward(behind, text.first(used + line.size()).end());
+    std::ranges::copy(line, text.subspan(insertAt).begin());
     return used + line.size();
 }
