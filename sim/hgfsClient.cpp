@@ -10,17 +10,6 @@ namespace {
 
 using State = HgfsClient_State;
 
-constexpr std::array<const char*, 17> STATUS_NAMES = {
-    "success",           "no such file",      "invalid handle", "not permitted", "file exists",
-    "not a directory",   "not empty",         "protocol error", "access denied", "invalid name",
-    "generic error",     "sharing violation", "no space",       "not supported", "name too long",
-    "invalid parameter", "not same device"};
-
-std::string StatusName(uint32_t status) {
-    return status < STATUS_NAMES.size() ? STATUS_NAMES[status]
-                                        : Str_Format("status %u", static_cast<unsigned>(status));
-}
-
 bool Fail(HgfsClient* client, const std::string& error) {
     client->error = error;
     client->state = State::Failed;
@@ -87,6 +76,12 @@ bool AppendWrite(HgfsClient* client, std::vector<uint8_t>* message) {
 void AppendRead(HgfsClient* client, std::vector<uint8_t>* message) {
     HgfsPackets_Request request = MakeRequest(*client, HgfsOpRead, HgfsOpReadV3);
     request.size = static_cast<uint32_t>(ReadRoom(*client));
+    AppendPacket(client, request, message);
+}
+
+void AppendWalk(HgfsClient* client, std::vector<uint8_t>* message) {
+    HgfsPackets_Request request;
+    HgfsExercise_Next(client->walk, &request);
     AppendPacket(client, request, message);
 }
 
@@ -159,24 +154,16 @@ bool TakeRead(HgfsClient* client, const HgfsPackets_Reply& reply) {
     return true;
 }
 
-// --- Transcript
-// ----------------------------------------------------------------------------------------------
-
-std::string NameField(HgfsPacketReader* packet, size_t block, size_t bytes) {
-    std::span<const uint8_t> name = packet->Bytes(block + bytes, packet->U32(block));
-    std::string text(name.begin(), name.end());
-    std::replace(text.begin(), text.end(), '\0', '/');
-    return text;
-}
-
-std::string DescribeOpen(HgfsPacketReader* packet, uint32_t op) {
-    bool first = op == HgfsOpOpen;
-    size_t mode = first ? HgfsOpenRequestV1::Mode : HgfsOpenRequestV2::Mode;
-    size_t flags = first ? HgfsOpenRequestV1::Flags : HgfsOpenRequestV2::Flags;
-    size_t name = first ? HgfsOpenRequestV1::Name : HgfsOpenRequestV2::Name;
-    size_t bytes = op == HgfsOpOpenV3 ? HgfsNameV3::Bytes : HgfsNameV1::Bytes;
-    return Str_Format(" mode %u flags %u '%s'", static_cast<unsigned>(packet->U32(mode)),
-                      static_cast<unsigned>(packet->U32(flags)), NameField(packet, name, bytes).c_str());
+bool TakeWalk(HgfsClient* client, const HgfsPackets_Reply& reply) {
+    std::string error;
+    if (!HgfsExercise_Take(&client->walk, reply, &error)) {
+        return Fail(client, error);
+    }
+    HgfsPackets_Request next;
+    if (!HgfsExercise_Next(client->walk, &next)) {
+        client->state = State::Done;
+    }
+    return true;
 }
 
 } // namespace
@@ -209,7 +196,10 @@ std::string HgfsClient_Name(std::string_view directory, std::string_view file) {
 
 void HgfsClient_Begin(HgfsClient* client, HgfsClient_Job job, unsigned percent) {
     client->job = job;
-    client->state = job == HgfsClient_Job::Verify ? State::Attributes : State::Open;
+    client->state = job == HgfsClient_Job::Verify ? State::Attributes
+                    : job == HgfsClient_Job::Walk ? State::Transfer
+                                                  : State::Open;
+    client->walk = {client->name.substr(0, client->name.rfind('\0')), 0, 0, 0};
     client->offset = 0;
     client->limit = percent >= 100 ? client->source.size : client->source.size / 100 * percent;
     client->requests = 0;
@@ -217,6 +207,10 @@ void HgfsClient_Begin(HgfsClient* client, HgfsClient_Job job, unsigned percent) 
 }
 
 bool HgfsClient_Append(HgfsClient* client, std::vector<uint8_t>* message) {
+    if (client->job == HgfsClient_Job::Walk && client->state == State::Transfer) {
+        AppendWalk(client, message);
+        return true;
+    }
     switch (client->state) {
     case State::Attributes: {
         HgfsPackets_Request request;
@@ -256,8 +250,11 @@ bool HgfsClient_Take(HgfsClient* client, std::span<const uint8_t> bytes) {
                                                    static_cast<unsigned>(reply.id),
                                                    static_cast<unsigned>(client->requestId)));
     }
+    if (client->job == HgfsClient_Job::Walk && client->state == State::Transfer) {
+        return TakeWalk(client, reply);
+    }
     if (reply.status != HgfsStatusSuccess) {
-        return Fail(client, operation + " failed: " + StatusName(reply.status));
+        return Fail(client, operation + " failed: " + HgfsClient_StatusName(reply.status));
     }
     switch (client->state) {
     case State::Attributes:
@@ -274,69 +271,4 @@ bool HgfsClient_Take(HgfsClient* client, std::span<const uint8_t> bytes) {
         break;
     }
     return Fail(client, operation + ": a reply without a request");
-}
-
-std::string HgfsClient_DescribeRequest(std::span<const uint8_t> bytes) {
-    HgfsPacketReader packet(bytes);
-    uint32_t id = packet.U32(HgfsRequestHeader::Id);
-    uint32_t op = packet.U32(HgfsRequestHeader::Op);
-    if (!packet.Ok() || op >= HgfsOpCount) {
-        return Str_Format("a packet of %u bytes", static_cast<unsigned>(bytes.size()));
-    }
-    std::string text = Str_Format("#%u %s", static_cast<unsigned>(id), kHgfsOps[op].name.data());
-    switch (op) {
-    case HgfsOpOpen:
-    case HgfsOpOpenV2:
-    case HgfsOpOpenV3:
-        return text + DescribeOpen(&packet, op);
-    case HgfsOpRead:
-    case HgfsOpReadV3:
-        return text + Str_Format(" handle %u offset %" DIAG_I64 "u size %u",
-                                 static_cast<unsigned>(packet.U32(HgfsReadRequestV1::Handle)),
-                                 packet.U64(HgfsReadRequestV1::Offset),
-                                 static_cast<unsigned>(packet.U32(HgfsReadRequestV1::Size)));
-    case HgfsOpWrite:
-    case HgfsOpWriteV3:
-        return text + Str_Format(" handle %u offset %" DIAG_I64 "u size %u",
-                                 static_cast<unsigned>(packet.U32(HgfsWriteRequestV1::Handle)),
-                                 packet.U64(HgfsWriteRequestV1::Offset),
-                                 static_cast<unsigned>(packet.U32(HgfsWriteRequestV1::Size)));
-    case HgfsOpClose:
-    case HgfsOpCloseV3:
-        return text +
-               Str_Format(" handle %u", static_cast<unsigned>(packet.U32(HgfsHandleRequestV1::Handle)));
-    case HgfsOpGetattr:
-        return text + " '" + NameField(&packet, HgfsNameRequestV1::Name, HgfsNameV1::Bytes) + "'";
-    default:
-        return text;
-    }
-}
-
-std::string HgfsClient_DescribeReply(uint32_t op, std::span<const uint8_t> bytes) {
-    HgfsPacketReader packet(bytes);
-    uint32_t id = packet.U32(HgfsReplyHeader::Id);
-    uint32_t status = packet.U32(HgfsReplyHeader::Status);
-    if (!packet.Ok()) {
-        return Str_Format("a packet of %u bytes", static_cast<unsigned>(bytes.size()));
-    }
-    std::string text = Str_Format("#%u %s", static_cast<unsigned>(id), StatusName(status).c_str());
-    if (status != HgfsStatusSuccess) {
-        return text;
-    }
-    switch (op) {
-    case HgfsOpOpen:
-    case HgfsOpOpenV2:
-    case HgfsOpOpenV3:
-        return text + Str_Format(" handle %u", static_cast<unsigned>(packet.U32(HgfsOpenReplyV1::Handle)));
-    case HgfsOpRead:
-    case HgfsOpReadV3:
-    case HgfsOpWrite:
-    case HgfsOpWriteV3:
-        return text + Str_Format(" %u bytes", static_cast<unsigned>(packet.U32(HgfsReadReplyV1::ActualSize)));
-    case HgfsOpGetattr:
-        return text + Str_Format(" size %" DIAG_I64 "u",
-                                 packet.U64(HgfsGetattrReplyV1::Attributes + HgfsAttrV1::FileSize));
-    default:
-        return text;
-    }
 }

@@ -1,4 +1,5 @@
-// The host's end of the file protocol: copies one file into the guest and reads it back for comparison.
+// The host's end of the file protocol: copies one file into the guest and reads it back for comparison, or
+// walks through every operation there is.
 //
 // A job is a sequence of request packets, one at a time: HgfsClient_Append makes the next one,
 // HgfsClient_Take judges the guest's reply. The file's bytes come from a callback, so nothing is held but one
@@ -6,6 +7,7 @@
 #pragma once
 
 #include "hgfslib/hgfsProto.h"
+#include "sim/hgfsExercise.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -25,6 +27,7 @@ enum class HgfsClient_Job {
     None,
     Copy,   // create or empty, write, close
     Verify, // attributes, open, read up to the end and once beyond it, close
+    Walk,   // every operation in every version, in the file's directory
 };
 
 enum class HgfsClient_State { Attributes, Open, Transfer, Close, Done, Failed };
@@ -44,7 +47,8 @@ struct HgfsClient {
     uint32_t requestSize = 0;  // bytes asked to be read or written
     uint64_t requests = 0;     // packets made for this job
     std::vector<uint8_t> data; // the source's part of the packet under way
-    std::string error;         // set in state Failed
+    HgfsExercise walk;
+    std::string error; // set in state Failed
 };
 
 // The protocol's name for a file in a directory given as a drive path or as a network path, with or without a
@@ -60,6 +64,8 @@ bool HgfsClient_Append(HgfsClient* client, std::vector<uint8_t>* message);
 // Takes the reply to the last request. False when the job has failed.
 bool HgfsClient_Take(HgfsClient* client, std::span<const uint8_t> reply);
 
-// One line for a transcript: operation, id and main fields.
+// One line for a transcript: operation, id and main fields; and a packet's first bytes in hexadecimal.
 std::string HgfsClient_DescribeRequest(std::span<const uint8_t> packet);
 std::string HgfsClient_DescribeReply(uint32_t op, std::span<const uint8_t> packet);
+std::string HgfsClient_StatusName(uint32_t status);
+std::string HgfsClient_Hex(std::span<const uint8_t> packet);

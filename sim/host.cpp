@@ -120,6 +120,9 @@ void BeginStep(Host* host) {
         EnterPhase(host, Host_Phase::Verifying);
         HgfsClient_Begin(&host->client, HgfsClient_Job::Verify);
         break;
+    case Host_Verb::Walk:
+        HgfsClient_Begin(&host->client, HgfsClient_Job::Walk);
+        break;
     case Host_Verb::Signal:
         Say(host, "signal: " + Host_DescribeStep(*step));
         if (host->observer.signal) {
@@ -207,9 +210,13 @@ void TakePacketReply(Host* host, std::string_view reply) {
     if (!HgfsClient_Take(&host->client, packet)) {
         return AbandonScript(host, Host_ProblemKind::Copy, host->client.error);
     }
-    bool copy = host->client.job == HgfsClient_Job::Copy;
-    (copy ? host->copiedBytes : host->verifiedBytes) = host->client.offset;
-    (copy ? host->copyPackets : host->verifyPackets) = host->client.requests;
+    if (host->client.job == HgfsClient_Job::Walk) {
+        Say(host, "       " + HgfsClient_Hex(packet));
+    } else {
+        bool copy = host->client.job == HgfsClient_Job::Copy;
+        (copy ? host->copiedBytes : host->verifiedBytes) = host->client.offset;
+        (copy ? host->copyPackets : host->verifyPackets) = host->client.requests;
+    }
     if (host->client.state == HgfsClient_State::Done) {
         NextStep(host);
     }
@@ -260,7 +267,11 @@ bool PacketForGuest(Host* host, std::vector<uint8_t>* message) {
         AbandonScript(host, Host_ProblemKind::Copy, host->client.error);
         return false;
     }
-    Say(host, "host:  f " + HgfsClient_DescribeRequest(std::span(*message).subspan(PACKET_COMMAND.size())));
+    std::span<const uint8_t> packet = std::span(*message).subspan(PACKET_COMMAND.size());
+    Say(host, "host:  f " + HgfsClient_DescribeRequest(packet));
+    if (host->client.job == HgfsClient_Job::Walk) {
+        Say(host, "         " + HgfsClient_Hex(packet));
+    }
     host->commandIsPacket = true;
     return true;
 }
@@ -286,6 +297,7 @@ bool CommandForGuest(Host* host, std::vector<uint8_t>* message) {
         return TextForGuest(host, step->text, message);
     case Host_Verb::Copy:
     case Host_Verb::Verify:
+    case Host_Verb::Walk:
         return PacketForGuest(host, message);
     case Host_Verb::Idle:
         if (++host->stepPolls >= step->number) {
@@ -424,6 +436,8 @@ bool Host_ParseStep(std::string_view text, Host_Step* step, std::string* error) 
         *step = {Host_Verb::Copy, "", "", number};
     } else if (verb == "verify" && rest.empty()) {
         *step = {Host_Verb::Verify, "", "", 0};
+    } else if (verb == "walk" && rest.empty()) {
+        *step = {Host_Verb::Walk, "", "", 0};
     } else if (verb == "run") {
         *step = Send(rest.empty() ? "upgrader.run" : "upgrader.run " + std::string(rest), REPLY_OK);
     } else if (verb == "cancel" && rest.empty()) {
@@ -459,6 +473,8 @@ std::string Host_DescribeStep(const Host_Step& step) {
         return "copy " + std::to_string(step.number);
     case Host_Verb::Verify:
         return "verify";
+    case Host_Verb::Walk:
+        return "walk";
     case Host_Verb::Log:
         return "log " + step.text;
     case Host_Verb::Idle:

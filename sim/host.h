@@ -21,6 +21,7 @@ enum class Host_Verb {
     Send,     // send a command, expect its reply
     Copy,     // copy the image, or the first percent of it
     Verify,   // read the copy back and compare
+    Walk,     // every file operation in every version, in the announced directory
     Log,      // wait until the guest's debug output holds a text
     Idle,     // let the guest poll a number of times
     Signal,   // raise a console control event in the guest
@@ -35,7 +36,7 @@ struct Host_Step {
 };
 
 // Reads a step as people write it:
-//   greeting | capabilities | copy [PERCENT] | verify | run [ARGUMENTS] | cancel | ping | reset |
+//   greeting | capabilities | copy [PERCENT] | verify | walk | run [ARGUMENTS] | cancel | ping | reset |
 //   send TEXT [=> REPLY] | log TEXT | idle POLLS | signal ctrl-c|break|close|logoff|shutdown | end
 // The reply of `send` is "OK " when not given. False with *error set when it is none of these.
 bool Host_ParseStep(std::string_view text, Host_Step* step, std::string* error);

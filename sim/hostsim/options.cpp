@@ -20,7 +20,7 @@ What happens:
       --signal NAME         which: ctrl-c, break (default), close, logoff or shutdown
       --refuse-greeting[=HOW]  as an unknown request (default), or with a text
   -d, --do STEP             the next step of a script in place of the usual one; may be repeated:
-                              greeting | capabilities | copy [PERCENT] | verify | run [ARGUMENTS] | cancel |
+                              greeting | capabilities | copy [PERCENT] | verify | walk | run [ARGUMENTS] | cancel |
                               ping | reset | send TEXT [=> REPLY] | log TEXT | idle POLLS |
                               signal NAME | end
 

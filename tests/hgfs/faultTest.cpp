@@ -1,7 +1,7 @@
 // The n-th thing that can fail does, for every n: each request is answered or dropped, and nothing is left
 // over.
 #include "hgfsFixture.h"
-#include "tour.h"
+#include "sim/hgfsExercise.h"
 
 #include <cstdlib>
 #include <new>
@@ -68,8 +68,6 @@ HgfsPackets_Reply AskWithFaults(const HgfsPackets_Request& request) {
         EXPECT_EQ(hgfsServer.session->references, 1u);
     }
     EXPECT_FALSE(hgfsServer.pending);
-    // A handle that nobody has when the request that should have given it failed.
-    reply.handle = reply.status == HgfsStatusSuccess ? reply.handle : 0xFFFFFFFF;
     return reply;
 }
 
@@ -83,13 +81,16 @@ SweepResult Walk() {
     EXPECT_TRUE(HgfsServerStartUp(MemoryFs_Platform(), 1, nullptr));
     HgfsPackets_Request open = OpenRequest(DriveName({"C", "tmp", "held"}));
     open.mode |= kHgfsModeSequential;
-    HgfsPackets_Request close = OnHandle(HgfsOpClose, AskWithFaults(open).handle);
-    Tour(DriveName({"C", "tmp"}), [&](const HgfsPackets_Request& request) {
-        HgfsPackets_Reply reply = AskWithFaults(request);
-        result.failures += reply.status != HgfsStatusSuccess;
-        return reply;
-    });
-    AskWithFaults(close);
+    const HgfsPackets_Reply opened = AskWithFaults(open);
+    HgfsExercise exercise;
+    exercise.directory = DriveName({"C", "tmp"});
+    std::string error;
+    for (HgfsPackets_Request request; HgfsExercise_Next(exercise, &request);) {
+        result.failures += !HgfsExercise_Take(&exercise, AskWithFaults(request), &error);
+    }
+    if (opened.status == HgfsStatusSuccess) {
+        AskWithFaults(OnHandle(HgfsOpClose, opened.handle));
+    }
     result.nodesLeft = hgfsServer.session == nullptr ? 0 : hgfsServer.session->nodes.InUse();
     HgfsServerShutDown();
     DiagCapture_Take();

@@ -1,10 +1,10 @@
 // The server over the real file system: what its platform table makes of files as they are found in the
 // field.
 #include "hgfsFixture.h"
-#include "tour.h"
 
 #include "hgfslib/hgfsServer.h"
 #include "misc/win32Handle.h"
+#include "sim/hgfsExercise.h"
 #include "unicode/unicode.h"
 
 #include <filesystem>
@@ -65,13 +65,12 @@ DWORD HandleCount() {
 }
 
 TEST_F(HgfsReal, WalksThroughEveryOperation) {
-    unsigned steps = 0;
-    Tour(In({}), [&](const HgfsPackets_Request& request) {
-        HgfsPackets_Reply reply = Ask(request).reply;
-        EXPECT_EQ(reply.status, HgfsStatusSuccess) << kHgfsOps[request.op].name << " of step " << steps;
-        ++steps;
-        return reply;
-    });
+    HgfsExercise exercise;
+    exercise.directory = In({});
+    for (HgfsPackets_Request request; HgfsExercise_Next(exercise, &request);) {
+        std::string error;
+        EXPECT_TRUE(HgfsExercise_Take(&exercise, Ask(request).reply, &error)) << error;
+    }
     EXPECT_TRUE(stdfs::is_empty(directory_));
 }
 
