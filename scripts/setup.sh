@@ -13,6 +13,7 @@ packages=(
   googletest                                # as source, built for both worlds
   libicu-dev                                # ICU of the native builds
   icu-devtools dpkg-dev                     # icupkg and apt-get source, to build ICU for Windows
+  spin                                      # checks the model of the lock protocol
   # Running
   wine64 wine                               # runs the product and its tests
   xvfb xdotool imagemagick fonts-noto-cjk   # a display for message boxes: to answer and to photograph them
