@@ -3,6 +3,7 @@
 #include "hgfsFixture.h"
 #include "packetStorm.h"
 
+#include <cstdlib>
 #include <random>
 
 #ifdef _WIN32
@@ -13,9 +14,15 @@
 
 namespace {
 
-// The same packets every time.
+// The same packets every time; RL_STORM_ROUNDS asks for that many times as many, RL_STORM_SEED for others.
+unsigned Setting(const char* name, unsigned otherwise) {
+    const char* text = std::getenv(name);
+    return text == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(text, nullptr, 10));
+}
+
 void Storms(unsigned rounds, const std::string& directory, PacketStorm_Counts* counts) {
-    std::mt19937 random(1728);
+    std::mt19937 random(Setting("RL_STORM_SEED", 1728));
+    rounds *= Setting("RL_STORM_ROUNDS", 1);
     std::vector<uint8_t> bytes(4000);
     for (unsigned round = 0; round < rounds; ++round) {
         std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(random()); });
@@ -99,6 +106,7 @@ TEST(HgfsStorm, WeathersRandomPacketsOnTheRealFileSystem) {
         if (count == &after) {
             EXPECT_GT(counts.packets, 5000u);
             EXPECT_GT(counts.successes, counts.packets / 10);
+            RecordProperty("packets", static_cast<int>(counts.packets));
         }
     }
     EXPECT_EQ(after, before);
