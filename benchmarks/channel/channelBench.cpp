@@ -1,5 +1,6 @@
 // What the host channel costs above the bare port accesses that it is made of: a poll, a request, and an
 // image copied through command loop and file server. All inside this process, on the real port instructions.
+#include "benchmarks/support/measure.h"
 #include "eventManager/eventManager.h"
 #include "hgfslib/hgfsServer.h"
 #include "rpcin/rpcin.h"
@@ -22,19 +23,6 @@ namespace {
 constexpr int ROUNDS = 7;
 constexpr uint64_t IMAGE_SIZE = uint64_t{64} << 20;
 constexpr size_t PIECE = kHgfsLargePacketMax - HgfsWriteRequestV3::Data;
-
-double Microseconds() {
-    LARGE_INTEGER frequency;
-    LARGE_INTEGER now;
-    QueryPerformanceFrequency(&frequency);
-    QueryPerformanceCounter(&now);
-    return 1e6 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-double Median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + ROUNDS / 2, values.end());
-    return values[ROUNDS / 2];
-}
 
 // Runs both in turns and writes the row; each gives the time of one of its units.
 template <typename Ours, typename Reference>

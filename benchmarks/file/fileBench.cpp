@@ -1,6 +1,7 @@
 // What the file library adds to the calls that it ends in: transfers and opens against the bare calls, a lock
 // nobody else wants against the file operations that its protocol needs, and a lock handed over between two
 // processes against the pause that its waiters make.
+#include "benchmarks/support/measure.h"
 #include "file/file.h"
 #include "file/fileIO.h"
 #include "file/fileLock.h"
@@ -12,28 +13,6 @@
 #include <vector>
 
 namespace {
-
-double Microseconds() {
-    LARGE_INTEGER frequency;
-    LARGE_INTEGER now;
-    QueryPerformanceFrequency(&frequency);
-    QueryPerformanceCounter(&now);
-    return 1e6 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-template <typename Work>
-double Time(int times, Work work) {
-    const double start = Microseconds();
-    for (int time = 0; time < times; time++) {
-        work();
-    }
-    return (Microseconds() - start) / times;
-}
-
-double Median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
-}
 
 // One row: ours against the bare calls, a short round of each in turn.
 template <typename Ours, typename Bare>

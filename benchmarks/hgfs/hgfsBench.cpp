@@ -1,5 +1,6 @@
 // What the file server costs: copying a large file in against the bare writes, its own share of a packet,
 // opening and closing against the bare calls, listings of growing directories, names through the escape.
+#include "benchmarks/support/measure.h"
 #include "hgfslib/hgfsEscape.h"
 #include "hgfslib/hgfsServerInt.h"
 #include "sim/hgfsPackets.h"
@@ -21,28 +22,6 @@ constexpr uint64_t COPY_SIZE = uint64_t{300} << 20;
 
 std::string directory; // where to work, a drive path
 volatile size_t sink;  // keeps the work from being left out
-
-double Microseconds() {
-    LARGE_INTEGER frequency;
-    LARGE_INTEGER now;
-    QueryPerformanceFrequency(&frequency);
-    QueryPerformanceCounter(&now);
-    return 1e6 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-template <typename Work>
-double Time(int times, Work work) {
-    const double start = Microseconds();
-    for (int i = 0; i < times; i++) {
-        work();
-    }
-    return (Microseconds() - start) / times;
-}
-
-double Median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
-}
 
 struct Pair {
     double ours;

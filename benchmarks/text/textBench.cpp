@@ -1,6 +1,7 @@
 // What text costs: names and large texts to UTF-16 and back against the system's conversion, text of a code
 // page, a log line against the write that it ends in, and the text of an error that has been asked for
 // before.
+#include "benchmarks/support/measure.h"
 #include "err/err.h"
 #include "log/log.h"
 #include "misc/codeset.h"
@@ -16,28 +17,6 @@
 namespace {
 
 constexpr int ROUNDS = 101; // short ones, so that the median is one that nothing interrupted
-
-double Microseconds() {
-    LARGE_INTEGER frequency;
-    LARGE_INTEGER now;
-    QueryPerformanceFrequency(&frequency);
-    QueryPerformanceCounter(&now);
-    return 1e6 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-template <typename Work>
-double Time(int times, Work work) {
-    const double start = Microseconds();
-    for (int i = 0; i < times; i++) {
-        work();
-    }
-    return (Microseconds() - start) / times;
-}
-
-double Median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
-}
 
 // One row: ours against the reference, a round of each in turn.
 template <typename Ours, typename Reference>

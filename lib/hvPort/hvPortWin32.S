@@ -33,16 +33,27 @@
         movq    %rdi, DI(%r8)
 .endm
 
-        .globl  HvPort
-        .def    HvPort; .scl 2; .type 32; .endef
-        .seh_proc HvPort
-HvPort:
+# Of the registers that the C++ side expects back; rsp alone describes the frame.
+.macro save_nonvolatile
         pushq   %rbx
         .seh_pushreg %rbx
         pushq   %rsi
         .seh_pushreg %rsi
         pushq   %rdi
         .seh_pushreg %rdi
+.endm
+
+.macro restore_nonvolatile
+        popq    %rdi
+        popq    %rsi
+        popq    %rbx
+.endm
+
+        .globl  HvPort
+        .def    HvPort; .scl 2; .type 32; .endef
+        .seh_proc HvPort
+HvPort:
+        save_nonvolatile
         .seh_endprologue
         movq    %rcx, %r8
         movq    $MAGIC, AX(%r8)
@@ -50,9 +61,7 @@ HvPort:
         load_six
         inl     %dx, %eax
         store_six
-        popq    %rdi
-        popq    %rsi
-        popq    %rbx
+        restore_nonvolatile
         ret
         .seh_endproc
 
@@ -61,12 +70,7 @@ HvPort:
         .def    \name; .scl 2; .type 32; .endef
         .seh_proc \name
 \name:
-        pushq   %rbx
-        .seh_pushreg %rbx
-        pushq   %rsi
-        .seh_pushreg %rsi
-        pushq   %rdi
-        .seh_pushreg %rdi
+        save_nonvolatile
         pushq   %rbp
         .seh_pushreg %rbp
         .seh_endprologue
@@ -80,9 +84,7 @@ HvPort:
         store_six
         movq    %rbp, BP(%r8)
         popq    %rbp
-        popq    %rdi
-        popq    %rsi
-        popq    %rbx
+        restore_nonvolatile
         ret
         .seh_endproc
 .endm
