@@ -5,7 +5,20 @@
 #include "tests/hgfs/memoryFs.h"
 #include "tests/hgfs/packetStorm.h"
 
+#include <cstdio>
 #include <cstdlib>
+
+namespace {
+
+// Over all inputs, told at the end.
+struct Totals {
+    PacketStorm_Counts counts;
+    ~Totals() {
+        fprintf(stderr, "%zu packets, %zu answered with success\n", counts.packets, counts.successes);
+    }
+} totals;
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace std::string_literals;
@@ -25,5 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::abort();
     }
     DiagCapture_Take();
+    totals.counts.packets += counts.packets;
+    totals.counts.successes += counts.successes;
     return 0;
 }
