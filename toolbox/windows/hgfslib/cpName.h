@@ -8,8 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Why a name could not be resolved to a local path. The numbers are the ones support sees in notes of old
-// systems; HgfsServer_MapNameStatus turns them into Windows errors.
+// How far a name could be resolved to a local path. HgfsServer_MapNameStatus turns these into Windows errors.
 enum HgfsNameStatus : uint32_t {
     HgfsNameComplete = 0,
     HgfsNameFailure = 1,           // malformed, or no room while converting
