@@ -337,8 +337,11 @@ void Finish(Front* front) {
     TakeGuestErrors(front, true);
     InspectGuest(front);
     // An installer that the guest has waited for may still be busy with its own end.
-    uint32_t left = GuestProcess_End(&front->guest, front->report.guestExit ? INSTALLER_PATIENCE : 0);
-    front->report.processesLeft = front->report.guestExit ? left : 0;
+    std::vector<std::string> left =
+        GuestProcess_End(&front->guest, front->report.guestExit ? INSTALLER_PATIENCE : 0);
+    if (front->report.guestExit) {
+        front->report.processesLeft = std::move(left);
+    }
     Host_Finish(&front->host);
     front->report.seconds = Now(*front);
 }

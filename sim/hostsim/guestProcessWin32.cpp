@@ -5,6 +5,8 @@
 
 #include <span>
 
+#include <psapi.h>
+
 namespace {
 
 constexpr DWORD END_LIMIT = 10000; // milliseconds
@@ -127,6 +129,32 @@ uint32_t WaitUntilEmpty(HANDLE job, DWORD limit) {
     return left;
 }
 
+// File name of a program by its process id; the id where it cannot be told.
+std::string ProcessName(DWORD id) {
+    KernelHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id));
+    wchar_t path[MAX_PATH];
+    DWORD length = process ? GetProcessImageFileNameW(process.Get(), path, MAX_PATH) : 0;
+    std::wstring_view name(path, length);
+    name.remove_prefix(name.find_last_of(L'\\') + 1);
+    return name.empty() ? Str_Format("process %u", static_cast<unsigned>(id)) : Text_FromWide(name);
+}
+
+// Of at most MOST processes in a job.
+std::vector<std::string> ProcessNames(HANDLE job) {
+    constexpr size_t MOST = 64;
+    struct {
+        JOBOBJECT_BASIC_PROCESS_ID_LIST list;
+        ULONG_PTR more[MOST - 1];
+    } ids{};
+    QueryInformationJobObject(job, JobObjectBasicProcessIdList, &ids, sizeof ids, nullptr);
+    std::vector<std::string> names;
+    for (size_t i = 0; i < ids.list.NumberOfProcessIdsInList && i < MOST; ++i) {
+        const ULONG_PTR* list = ids.list.ProcessIdList;
+        names.push_back(ProcessName(static_cast<DWORD>(list[i])));
+    }
+    return names;
+}
+
 } // namespace
 
 std::wstring GuestProcess_CommandLine(const std::wstring& program,
@@ -186,8 +214,11 @@ std::string GuestProcess_TakeErrors(GuestProcess* guest) {
     return text;
 }
 
-uint32_t GuestProcess_End(GuestProcess* guest, uint32_t patience) {
-    uint32_t left = WaitUntilEmpty(guest->job.Get(), patience);
+std::vector<std::string> GuestProcess_End(GuestProcess* guest, uint32_t patience) {
+    std::vector<std::string> left;
+    if (WaitUntilEmpty(guest->job.Get(), patience) > 0) {
+        left = ProcessNames(guest->job.Get());
+    }
     TerminateJobObject(guest->job.Get(), 1);
     WaitUntilEmpty(guest->job.Get(), END_LIMIT);
     return left;

@@ -27,6 +27,6 @@ std::wstring GuestProcess_CommandLine(const std::wstring& program, const std::ve
 // Text that the guest has written to its standard error since the last call; does not wait.
 std::string GuestProcess_TakeErrors(GuestProcess* guest);
 
-// Waits at most `patience` milliseconds for the job to run empty, then ends what is left in it. Returns how many
-// processes had to be ended.
-uint32_t GuestProcess_End(GuestProcess* guest, uint32_t patience);
+// Waits at most `patience` milliseconds for the job to run empty, then ends what is left in it. Returns the
+// file names of the processes that had to be ended.
+std::vector<std::string> GuestProcess_End(GuestProcess* guest, uint32_t patience);

@@ -6,6 +6,7 @@
 
 namespace {
 
+constexpr double KIB = 1024;
 constexpr double MIB = 1024.0 * 1024.0;
 constexpr size_t SHOWN_FINDINGS = 12;
 constexpr size_t SHOWN_ERRORS = 6;
@@ -30,7 +31,20 @@ std::string ExitText(uint32_t code) {
 }
 
 double Rate(uint64_t bytes, double seconds) {
-    return seconds > 0 ? static_cast<double>(bytes) / MIB / seconds : 0;
+    return seconds > 0 ? static_cast<double>(bytes) / seconds : 0;
+}
+
+// The unit in which an amount is read with ease.
+struct Unit {
+    const char* name;
+    double bytes;
+};
+Unit UnitFor(double bytes) {
+    return bytes < MIB ? Unit{"KiB", KIB} : Unit{"MiB", MIB};
+}
+std::string Amount(double bytes) {
+    Unit unit = UnitFor(bytes);
+    return Str_Format("%.1f %s", bytes / unit.bytes, unit.name);
 }
 
 // A phase that was entered, with the start of the one that followed it.
@@ -65,8 +79,8 @@ std::string PhaseLine(const Phase& phase, const Host& host) {
     if (copy || phase.phase == Host_Phase::Verifying) {
         uint64_t bytes = copy ? host.copiedBytes : host.verifiedBytes;
         uint64_t packets = copy ? host.copyPackets : host.verifyPackets;
-        line += Str_Format("   %.1f MiB at %.1f MiB/s, %u packets", static_cast<double>(bytes) / MIB,
-                           Rate(bytes, phase.seconds), static_cast<unsigned>(packets));
+        line += "   " + Amount(static_cast<double>(bytes)) + " at " + Amount(Rate(bytes, phase.seconds)) +
+                Str_Format("/s, %u packets", static_cast<unsigned>(packets));
         if (packets > 0) {
             line += Str_Format(", %.2f traps each",
                                static_cast<double>(phase.calls) / static_cast<double>(packets));
@@ -88,8 +102,9 @@ std::string LeftLine(const Report& report, const Host& host) {
         return "directory  none was announced\n";
     }
     return "directory  " + host.root +
-           Str_Format(": %u files, %.1f MiB left, image %s\n", static_cast<unsigned>(report.filesLeft),
-                      static_cast<double>(report.bytesLeft) / MIB, report.imageLeft ? "left" : "gone");
+           Str_Format(": %u files, %s left, image %s\n", static_cast<unsigned>(report.filesLeft),
+                      Amount(static_cast<double>(report.bytesLeft)).c_str(),
+                      report.imageLeft ? "left" : "gone");
 }
 
 std::string PortLine(const Hypervisor& hypervisor) {
@@ -147,9 +162,8 @@ std::string Report_Summary(const Report& report, const Host& host, const Hypervi
             (host.endSent ? "\"toolinstall.end 0\" was sent\n" : "\"toolinstall.end 0\" was not sent\n");
     text += GuestLine(report);
     text += LeftLine(report, host);
-    if (report.processesLeft > 0) {
-        text += Str_Format("processes  %u started by the guest were still running and have been ended\n",
-                           static_cast<unsigned>(report.processesLeft));
+    for (const std::string& name : report.processesLeft) {
+        text += "process    " + name + ", started by the guest, was still running and has been ended\n";
     }
     if (!report.exception.empty() && report.crash.empty()) {
         text += "exception  " + report.exception + '\n';
@@ -173,11 +187,13 @@ std::string Report_Summary(const Report& report, const Host& host, const Hypervi
 
 std::string Report_Progress(const char* what, uint64_t done, uint64_t total, double seconds) {
     double rate = Rate(done, seconds);
-    std::string line = Str_Format("%-7s %6.1f of %.1f MiB  %3u %%  %.1f MiB/s", what,
-                                  static_cast<double>(done) / MIB, static_cast<double>(total) / MIB,
-                                  static_cast<unsigned>(total == 0 ? 100 : done * 100 / total), rate);
+    Unit unit = UnitFor(static_cast<double>(total));
+    std::string line =
+        Str_Format("%-7s %6.1f of %.1f %s  %3u %%  %s/s", what, static_cast<double>(done) / unit.bytes,
+                   static_cast<double>(total) / unit.bytes, unit.name,
+                   static_cast<unsigned>(total == 0 ? 100 : done * 100 / total), Amount(rate).c_str());
     if (rate > 0 && done < total) {
-        line += Str_Format("  %.0f s left", static_cast<double>(total - done) / MIB / rate);
+        line += Str_Format("  %.0f s left", static_cast<double>(total - done) / rate);
     }
     return line;
 }

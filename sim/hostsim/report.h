@@ -44,7 +44,7 @@ struct Report {
     bool imageLeft = false;
     uint64_t filesLeft = 0; // in the announced directory
     uint64_t bytesLeft = 0;
-    uint32_t processesLeft = 0; // the guest's children that had to be ended
+    std::vector<std::string> processesLeft; // file names of the guest's children that had to be ended
 
     // What was seen.
     std::array<std::optional<Report_PhaseStart>, HOST_PHASES> phases;

@@ -175,10 +175,9 @@ struct ReportTest : testing::Test {
 TEST_F(ReportTest, SaysWhatWentWell) {
     EXPECT_EQ(Verdict(), Report_Exit::AsExpected);
     std::string summary = Report_Summary(report, host, hypervisor);
-    for (const char* text :
-         {"copy         2.000 s   2.0 MiB at 1.0 MiB/s, 40 packets, 2.50 traps each\n",
-          "install      1.000 s\n", "120 calls", "image gone", "exit code 0, completion",
-          "RESULT     as expected\n"}) {
+    for (const char* text : {"copy         2.000 s   2.0 MiB at 1.0 MiB/s, 40 packets, 2.50 traps each\n",
+                             "install      1.000 s\n", "120 calls", "image gone", "exit code 0, completion",
+                             "RESULT     as expected\n"}) {
         EXPECT_THAT(summary, HasSubstr(text));
     }
 }
@@ -245,8 +244,11 @@ TEST(Progress, TellsRateAndTimeLeft) {
               "copy      10.0 of 30.0 MiB   33 %  5.0 MiB/s  4 s left");
     EXPECT_EQ(Report_Progress("copy", 30 * MIB, 30 * MIB, 2),
               "copy      30.0 of 30.0 MiB  100 %  15.0 MiB/s");
-    EXPECT_EQ(Report_Progress("verify", 0, 0, 0), "verify     0.0 of 0.0 MiB  100 %  0.0 MiB/s");
-    EXPECT_EQ(Report_Progress("copy", 0, 30 * MIB, 0), "copy       0.0 of 30.0 MiB    0 %  0.0 MiB/s");
+    EXPECT_EQ(Report_Progress("copy", 32 * 1024, 64 * 1024, 8),
+              "copy      32.0 of 64.0 KiB   50 %  4.0 KiB/s  8 s left")
+        << "as over the slow channel";
+    EXPECT_EQ(Report_Progress("verify", 0, 0, 0), "verify     0.0 of 0.0 KiB  100 %  0.0 KiB/s");
+    EXPECT_EQ(Report_Progress("copy", 0, 30 * MIB, 0), "copy       0.0 of 30.0 MiB    0 %  0.0 KiB/s");
 }
 
 } // namespace

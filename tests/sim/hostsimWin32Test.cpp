@@ -134,7 +134,7 @@ TEST_F(HostsimTest, TellsEveryOutcomeByItsExitCode) {
         {"--fail-call 5", "well", 7, "1 answered with a fault"},
         {"--cancel during", "well", 0, "as expected"},
         {"--cancel installing --timeout 3", "hang", 3, "ran out of time"},
-        {"", "child", 0, "1 started by the guest were still running"},
+        {"", "child", 0, ".exe, started by the guest, was still running"},
         {"", "complain", 0, "stderr     second line"},
         {"--break-at installing", "signal", 0, "as expected"},
         {"--break-at installing --signal shutdown", "signal", 0, "as expected"},

@@ -143,11 +143,11 @@ CANCELS = [
     *[Case(f"cancel-{when}", ["--cancel", when], image=image("hang", **HANG), unsaid=[END_SENT, "had to be ended"],
            said=["'upgrader.cancel'", "Received upgrader.cancel from RHD", "Deleting"])
       for when in ("before", "during", "after", "installing")],
-    *[Case(f"break-{when}", ["--break-at", when], image=image("hang", **HANG), unsaid=["were still running"],
+    *[Case(f"break-{when}", ["--break-at", when], image=image("hang", **HANG), unsaid=["was still running"],
            said=["signal break", "Exiting UpgraderLoop on signal 1", END_SENT])
       for when in ("before", "during", "after", "installing")],
     *[Case(f"{name}-installing", ["--break-at", "installing", "--signal", name], image=image("hang", **HANG),
-           said=[f"Exiting UpgraderLoop on signal {number}", END_SENT, "1 started by the guest were still running"])
+           said=[f"Exiting UpgraderLoop on signal {number}", END_SENT, "started by the guest, was still running"])
       for name, number in (("close", 2), ("logoff", 5), ("shutdown", 6))],
     Case("ctrl-c", ["--do", "greeting", "--do", "idle 1", "--do", "signal ctrl-c", "--do", "idle 5", "--do", "cancel", "--do", "end"],
          said=["signal ctrl-c", "Received upgrader.cancel"], unsaid=["Exiting UpgraderLoop on signal", END_SENT]),
