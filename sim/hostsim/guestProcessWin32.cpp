@@ -139,7 +139,8 @@ std::string ProcessName(DWORD id) {
     return name.empty() ? Str_Format("process %u", static_cast<unsigned>(id)) : Text_FromWide(name);
 }
 
-// Of at most MOST processes in a job.
+// Of at most MOST processes in a job, without Wine's desktop, which belongs to the first program that wants a
+// window.
 std::vector<std::string> ProcessNames(HANDLE job) {
     constexpr size_t MOST = 64;
     struct {
@@ -150,7 +151,10 @@ std::vector<std::string> ProcessNames(HANDLE job) {
     std::vector<std::string> names;
     for (size_t i = 0; i < ids.list.NumberOfProcessIdsInList && i < MOST; ++i) {
         const ULONG_PTR* list = ids.list.ProcessIdList;
-        names.push_back(ProcessName(static_cast<DWORD>(list[i])));
+        std::string name = ProcessName(static_cast<DWORD>(list[i]));
+        if (name != "explorer.exe") {
+            names.push_back(std::move(name));
+        }
     }
     return names;
 }
