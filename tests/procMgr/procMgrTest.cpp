@@ -58,8 +58,11 @@ protected:
     ProcMgrTest() {
         wchar_t temp[MAX_PATH] = {};
         GetTempPathW(MAX_PATH, temp);
-        folder = std::filesystem::path(temp) /
-                 (L"pm " + std::to_wstring(GetCurrentProcessId()) + L" \x00E9\x65E5\x672C \xD83D\xDE00");
+        // One folder a test: a child that outlives its test still holds the program in it.
+        static unsigned folders = 0;
+        folder =
+            std::filesystem::path(temp) / (L"pm " + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                                           std::to_wstring(++folders) + L" \x00E9\x65E5\x672C \xD83D\xDE00");
         std::filesystem::create_directories(folder);
         std::filesystem::copy_file(std::filesystem::path(OwnFolder()) / L"procMgrChild.exe",
                                    folder / L"ch ild.exe", std::filesystem::copy_options::overwrite_existing);

@@ -121,6 +121,15 @@ class Bench:
         return path
 
     def run(self, case):
+        """Runs a case. A busy machine now and then fails to start any program under Wine, which then has said nothing
+        at all: that is told and tried once more."""
+        run = self.run_once(case)
+        if run.code != 0 and not run.output.strip() and not run.transcript:
+            print(f"note: {case.name}: Wine did not start hostsim ({run.code}); once more", file=sys.stderr)
+            run = self.run_once(case)
+        return run
+
+    def run_once(self, case):
         transcript = self.out / f"{case.name}.txt"
         transcript.unlink(missing_ok=True)
         image = case.image(self) if callable(case.image) else case.image
