@@ -52,7 +52,7 @@ HelperProcess::HelperProcess(const std::wstring& arguments) {
                         &process)) {
         throw std::runtime_error("cannot start fileHelper.exe: " + std::to_string(GetLastError()));
     }
-    CloseHandle(process.hThread);
+    thread_.Reset(process.hThread);
     process_.Reset(process.hProcess);
     id_ = process.dwProcessId;
 }
@@ -69,6 +69,12 @@ DWORD HelperProcess::Wait(DWORD limitMs) {
 }
 
 void HelperProcess::Kill() {
+    // Stopped first, for which asking for its registers waits: under Wine a process counts as ended while a
+    // call of it may still be writing.
+    CONTEXT stopped{};
+    stopped.ContextFlags = CONTEXT_CONTROL;
+    SuspendThread(thread_.Get());
+    GetThreadContext(thread_.Get(), &stopped);
     TerminateProcess(process_.Get(), 99);
     WaitForSingleObject(process_.Get(), INFINITE);
 }

@@ -28,6 +28,7 @@ public:
 
 private:
     KernelHandle process_;
+    KernelHandle thread_; // its only one
     DWORD id_ = 0;
 };
 
