@@ -11,7 +11,7 @@ Rings, all four when none is named:
 
 NAME runs only the programs whose name contains it. A program of GoogleTest takes --gtest_filter.
 
-Each program is a process of its own, with a time limit, and under Wine with a prefix of its own; two run at a time.
+Each program is a process of its own, with a time limit, and under Wine with a prefix of its own.
 The output of a failing one is shown, all of them are kept in build/test-logs. The last line sums up; the exit code is
 0 only when something ran and nothing failed.
 
@@ -23,6 +23,7 @@ in lines "ok NAME", "not ok NAME" and "skip NAME: REASON" among others, and ends
 import argparse
 import concurrent.futures
 import dataclasses
+import json
 import os
 import pathlib
 import re
@@ -38,6 +39,7 @@ import wineprefix
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build"
 LOGS = BUILD / "test-logs"
+SECONDS = LOGS / "seconds.json"  # that each program took last time
 RINGS = ("native", "windows", "whole", "fuzz")
 PRESETS = {"native": "native", "windows": "windows-debug", "whole": "windows", "fuzz": "fuzz"}
 TARGETS = {"whole": ["all", "sample_image"]}
@@ -225,7 +227,7 @@ def fuzz_programs(options):
             continue
         # Without a time of the caller's choice every run starts from the seeds and tries the same inputs.
         bounds = [f"-max_total_time={options.fuzz_seconds}"] if options.fuzz_seconds else [
-            "-runs=20000", "-seed=1", "-max_total_time=60"]
+            "-runs=20000", "-seed=1", "-max_total_time=40"]
         found = BUILD / "fuzz" / ("corpus" if options.fuzz_seconds else "scratch") / path.name
         if not options.fuzz_seconds:
             shutil.rmtree(found, ignore_errors=True)
@@ -246,7 +248,21 @@ def programs(ring, options):
             found = fuzz_programs(options)
         case _:
             found = gtest_programs(ring, options)
-    return [program for program in found if not options.names or any(name in program.name for name in options.names)]
+    chosen = [program for program in found if not options.names or any(name in program.name for name in options.names)]
+    # The longest first, so that none runs alone at the end; a new one may be long.
+    took = read_seconds()
+    return sorted(chosen, key=lambda program: -took.get(f"{ring} {program.name}", 1e9))
+
+
+def read_seconds():
+    try:
+        return json.loads(SECONDS.read_text())
+    except (OSError, ValueError):
+        return {}
+
+
+def note_seconds(took):
+    SECONDS.write_text(json.dumps(read_seconds() | took, indent=1, sort_keys=True))
 
 
 # The whole
@@ -291,9 +307,13 @@ def run_ring(ring, options, runner, total):
         wineprefix.template()
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         running = {pool.submit(runner.run, program): program for program in chosen}
+        took = {}
         try:
             for future in concurrent.futures.as_completed(running):
-                report(running[future], *future.result(), total)
+                program, (result, seconds) = running[future], future.result()
+                took[f"{ring} {program.name}"] = round(seconds, 1)
+                report(program, result, seconds, total)
+            note_seconds(took)
         except KeyboardInterrupt:
             runner.stop()
             raise
@@ -315,7 +335,8 @@ def parse(arguments):
     parser.add_argument("--gtest_filter", metavar="PATTERN", help="only these tests of the GoogleTest programs")
     parser.add_argument("--fuzz-seconds", type=int, metavar="N",
                         help="fuzz each target for N seconds, and keep the inputs found for the next time")
-    parser.add_argument("-j", "--jobs", type=int, default=2, help="programs at a time (2)")
+    parser.add_argument("-j", "--jobs", type=int, default=max(2, os.cpu_count() or 2),
+                        help="programs at a time (as many as there are processors, but at least 2)")
     options = parser.parse_args(arguments)
     options.rings = [ring for ring in RINGS if ring in options.what] or list(RINGS)
     options.names = [name for name in options.what if name not in RINGS]
