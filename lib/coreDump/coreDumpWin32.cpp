@@ -65,7 +65,8 @@ void LogModule(const MINIDUMP_MODULE_CALLBACK& module) {
               static_cast<unsigned>(module.SizeOfImage));
     Log_Error("  checksum %#010x timestamp %#010x\n", static_cast<unsigned>(module.CheckSum),
               static_cast<unsigned>(module.TimeDateStamp));
-    Log_Error("  image file %S\n", module.FullPath);
+    // Not by "%S": the C runtime gives up at characters that its own code page lacks.
+    Log_Error("  image file %s\n", Unicode_FromWide(module.FullPath).value_or("?").c_str());
     Log_Error("  file version %u.%u.%u.%u\n", HIWORD(version.dwFileVersionMS),
               LOWORD(version.dwFileVersionMS), HIWORD(version.dwFileVersionLS),
               LOWORD(version.dwFileVersionLS));

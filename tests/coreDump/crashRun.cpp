@@ -1,19 +1,31 @@
 #include "crashRun.h"
 
 #include "misc/win32Handle.h"
+#include "procMgr/procMgr.h"
+#include "unicode/unicode.h"
 
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr DWORD LIMIT_MS = 60000;
+
+fs::path ToPath(const std::string& utf8) {
+    return *Unicode_ToWide(utf8);
+}
+std::string ToUtf8(const fs::path& path) {
+    return *Unicode_FromWide(path.wstring());
+}
 
 fs::path OwnFolder() {
     wchar_t path[MAX_PATH];
@@ -26,28 +38,14 @@ std::string ReadAll(const fs::path& file) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-std::vector<std::string> Lines(const std::string& text) {
+// Without "\r\n".
+std::vector<std::string> Lines(const fs::path& file) {
     std::vector<std::string> lines;
-    std::istringstream stream(text);
+    std::istringstream stream(ReadAll(file));
     for (std::string line; std::getline(stream, line);) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        lines.push_back(line);
+        lines.push_back(line.substr(0, line.find_last_not_of('\r') + 1));
     }
     return lines;
-}
-
-// "inst : 11/21/26 11:38:44 E1:text": what follows the tag. Lines without a stamp end a message that had a
-// line end of its own.
-std::vector<std::string> Messages(const fs::path& log) {
-    std::vector<std::string> messages;
-    for (const std::string& line : Lines(ReadAll(log))) {
-        if (line.starts_with("inst : ")) {
-            messages.push_back(line.substr(sizeof "inst : 11/21/26 11:38:44 E1:" - 1));
-        }
-    }
-    return messages;
 }
 
 FileHandle Redirect(const fs::path& file) {
@@ -56,8 +54,7 @@ FileHandle Redirect(const fs::path& file) {
         CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr));
 }
 
-// The exit code, when the program ends in time.
-uint32_t RunToEnd(const std::wstring& commandLine, const fs::path& folder, uint32_t* processId) {
+void RunToEnd(const std::string& commandLine, const fs::path& folder, CrashResult* result) {
     const FileHandle output = Redirect(folder / "stdout.txt");
     const FileHandle errors = Redirect(folder / "stderr.txt");
     STARTUPINFOW start = {};
@@ -65,27 +62,23 @@ uint32_t RunToEnd(const std::wstring& commandLine, const fs::path& folder, uint3
     start.dwFlags = STARTF_USESTDHANDLES;
     start.hStdOutput = output.Get();
     start.hStdError = errors.Get();
-    PROCESS_INFORMATION process = {};
-    std::wstring line = commandLine;
-    SetEnvironmentVariableW(L"TMP", folder.c_str()); // where the log goes
-    const BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        folder.c_str(), &start, &process);
-    const DWORD error = GetLastError();
-    EXPECT_TRUE(started) << error;
-    if (!started) {
-        return 0;
-    }
-    const KernelHandle owner(process.hProcess);
-    const KernelHandle thread(process.hThread);
-    *processId = process.dwProcessId;
-    if (WaitForSingleObject(process.hProcess, LIMIT_MS) != WAIT_OBJECT_0) {
+    ProcMgr_ProcArgs options;
+    options.inheritHandles = TRUE;
+    options.currentDirectory = folder.c_str();
+    options.startupInfo = &start;
+    const std::unique_ptr<ProcMgr_AsyncProc, void (*)(ProcMgr_AsyncProc*)> process(
+        ProcMgr_ExecAsync(commandLine.c_str(), &options), ProcMgr_Free);
+    ASSERT_TRUE(process);
+    HANDLE handle = ProcMgr_GetAsyncProcSelectable(process.get());
+    if (WaitForSingleObject(handle, LIMIT_MS) != WAIT_OBJECT_0) {
         ADD_FAILURE() << "the program does not end";
-        TerminateProcess(process.hProcess, 1);
-        WaitForSingleObject(process.hProcess, LIMIT_MS);
+        ProcMgr_Kill(process.get());
+        WaitForSingleObject(handle, LIMIT_MS);
     }
-    DWORD exitCode = 0;
-    GetExitCodeProcess(process.hProcess, &exitCode);
-    return exitCode;
+    int32_t exitCode = 0;
+    ProcMgr_GetExitCode(process.get(), &exitCode);
+    result->exitCode = static_cast<uint32_t>(exitCode);
+    result->processId = GetProcessId(handle);
 }
 
 // Wine takes its own debug-help library, whatever lies beside a program, unless it is told otherwise.
@@ -101,63 +94,66 @@ void PreferOwnDbgHelp(const fs::path& program) {
               ERROR_SUCCESS);
 }
 
+// The program, and beside it the debug-help library that the run asks for.
+fs::path Install(const CrashRun& run, const fs::path& folder) {
+    const fs::path program = folder / (run.stub ? "coreDump_stubbed.exe" : "coreDump_crasher.exe");
+    fs::copy_file(OwnFolder() / "coreDump_crasher.exe", program);
+    if (run.stub) {
+        PreferOwnDbgHelp(program.filename());
+    }
+    if (run.stub && *run.stub) {
+        fs::copy_file(OwnFolder() / (std::string("stubDbgHelp_") + run.stub + ".dll"),
+                      folder / "dbghelp.dll");
+    }
+    return program;
+}
+
+void Gather(const fs::path& folder, CrashResult* result) {
+    sscanf(ReadAll(folder / "stdout.txt").c_str(), "at %llx thread %u", &result->address, &result->thread);
+    for (const std::string& line : Lines(folder / "stderr.txt")) {
+        if (!line.starts_with("wine: ")) { // the system's own remark
+            result->errors.push_back(line + "\n");
+        }
+    }
+    for (const std::string& line : Lines(folder / "rlinst.log")) {
+        // Lines without a stamp end a message that had a line end of its own.
+        if (line.starts_with("inst : ")) {
+            result->log.push_back(line.substr(strlen("inst : 11/21/26 11:38:44 E1:")));
+        }
+    }
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        if (entry.path().extension() == ".dmp") {
+            result->dumps[ToUtf8(entry.path().filename())] = ReadAll(entry.path());
+        }
+    }
+}
+
 } // namespace
 
-CrashFolder::CrashFolder(const char* stub) {
+std::string MakeCrashFolder() {
     static const fs::path base = fs::temp_directory_path(); // each run changes the variable behind it
     static int count = 0;
-    path_ = base / ("crash" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++count));
-    std::error_code ignored;
-    fs::remove_all(path_, ignored); // of an earlier process with this number
-    fs::create_directories(path_);
-    program_ = path_ / (stub ? "coreDump_stubbed.exe" : "coreDump_crasher.exe");
-    fs::copy_file(OwnFolder() / "coreDump_crasher.exe", program_);
-    if (!stub) {
-        return;
-    }
-    PreferOwnDbgHelp(program_.filename());
-    if (*stub) {
-        fs::copy_file(OwnFolder() / (std::string("stubDbgHelp_") + stub + ".dll"), path_ / "dbghelp.dll");
-    }
+    const fs::path folder = base / (L"crash \x00E9\x65E5" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                                    std::to_wstring(++count));
+    fs::create_directories(folder);
+    return ToUtf8(folder);
 }
 
-CrashFolder::~CrashFolder() {
+void RemoveCrashFolder(const std::string& folder) {
     std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    fs::remove_all(ToPath(folder), ignored);
 }
 
-CrashResult CrashFolder::CrashByDefault(const std::string& arguments) const {
+CrashResult Crash(const CrashRun& run) {
     CrashResult result;
-    const std::wstring line =
-        L"\"" + program_.wstring() + L"\" " + std::wstring(arguments.begin(), arguments.end());
-    result.exitCode = RunToEnd(line, path_, &result.processId);
-    result.output = ReadAll(path_ / "stdout.txt");
-    for (const std::string& text : Lines(ReadAll(path_ / "stderr.txt"))) {
-        if (!text.starts_with("wine: ")) { // the system's own remark
-            result.errors.push_back(text + "\n");
-        }
-    }
-    result.log = Messages(path_ / "rlinst.log");
-    for (const auto& entry : fs::directory_iterator(path_)) {
-        if (entry.path().extension() == ".dmp") {
-            result.dumps.push_back(entry.path());
-        }
-    }
+    result.folder = MakeCrashFolder();
+    const fs::path folder = ToPath(result.folder);
+    const std::string program = ToUtf8(Install(run, folder));
+    const std::string dumps = run.dumpFolder ? run.dumpFolder : result.folder;
+    SetEnvironmentVariableW(L"TMP", folder.c_str()); // where the log goes
+    SetEnvironmentVariableA("STUB_MODE", run.mode);
+    RunToEnd("\"" + program + "\" \"" + dumps + "\" " + run.arguments, folder, &result);
+    Gather(folder, &result);
+    RemoveCrashFolder(result.folder);
     return result;
-}
-
-CrashResult CrashFolder::Crash(const std::string& arguments) const {
-    return CrashByDefault(arguments + " --dir \"" + path_.string() + "\"");
-}
-
-Minidump ReadOnlyDump(const CrashResult& result) {
-    EXPECT_EQ(result.dumps.size(), 1u);
-    if (result.dumps.size() != 1) {
-        return {};
-    }
-    const std::string bytes = ReadAll(result.dumps[0]);
-    std::string error;
-    auto dump = Minidump_Read({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, &error);
-    EXPECT_TRUE(dump) << error;
-    return dump.value_or(Minidump{});
 }
