@@ -7,19 +7,16 @@
 #include "hvPort/hvPort.h"
 
 #include <cstddef>
-#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 struct HostChannel {
-    struct Free {
-        void operator()(uint8_t* memory) const { std::free(memory); }
-    };
-
     uint16_t id = 0; // assigned by the hypervisor; repeated in every call with the two cookie words
-    std::unique_ptr<uint8_t, Free> in; // receive buffer; grows to the largest message and never shrinks
-    uint64_t inAlloc = 0;              // its capacity in bytes
+    std::unique_ptr<uint8_t[]> in; // receive buffer; grows to the largest message and never shrinks
+    uint64_t inAlloc = 0;          // its capacity in bytes
     uint32_t cookieHigh = 0;
     uint32_t cookieLow = 0;
 };
@@ -123,12 +120,14 @@ bool GrowReceiveBuffer(HostChannel* channel, uint64_t length) {
     if (wanted <= channel->inAlloc) {
         return true;
     }
-    auto* grown = static_cast<uint8_t*>(std::realloc(channel->in.get(), static_cast<size_t>(wanted)));
+    std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[static_cast<size_t>(wanted)]);
     if (!grown) {
         return false;
     }
-    (void)channel->in.release();
-    channel->in.reset(grown);
+    if (channel->in) {
+        std::memcpy(grown.get(), channel->in.get(), static_cast<size_t>(channel->inAlloc));
+    }
+    channel->in = std::move(grown);
     channel->inAlloc = wanted;
     return true;
 }
@@ -175,7 +174,7 @@ ReceiveStep ReceiveMessage(HostChannel* channel, uint64_t length, bool bulk, uin
             return step;
         }
     }
-    channel->in.get()[length] = 0;
+    channel->in[static_cast<size_t>(length)] = 0;
     uint8_t status = Status(Call(channel, HostChannel_SubCommand::ReceiveStatus, RECEIVE_OK).cx);
     return Has(status, HOSTCHANNEL_SUCCESS) ? ReceiveStep::Done : AfterFailure(status);
 }

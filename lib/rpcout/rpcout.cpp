@@ -52,6 +52,23 @@ Answer Exchange(RpcOut* out, const char* request, uint64_t requestLength) {
     return ParseReply(reply, replyLength);
 }
 
+// Hosts parse a command up to its first blank, so a request without arguments carries one in memory and in
+// the log; it is not part of the length and never reaches the wire. False when it cannot be formatted.
+bool FormatRequest(std::string* request, uint64_t* length, const char* format, va_list arguments) {
+    try {
+        if (!Str_Vasprintf(request, format, arguments)) {
+            return false;
+        }
+        *length = request->size();
+        if (request->find(' ') == std::string::npos) {
+            *request += ' ';
+        }
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 char* CopyReply(std::string_view text) {
     auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
     if (copy) {
@@ -97,21 +114,16 @@ bool RpcOut_SendRequestRaw(const char* request, uint64_t requestLength, char** r
 
 bool RpcOut_SendRequest(char** reply, uint64_t* replyLength, const char* format, ...) {
     std::string request;
+    uint64_t length = 0;
     va_list arguments;
     va_start(arguments, format);
-    bool formatted = Str_Vasprintf(&request, format, arguments);
+    bool formatted = FormatRequest(&request, &length, format, arguments);
     va_end(arguments);
     if (!formatted) {
         if (reply) {
             *reply = nullptr;
         }
         return false;
-    }
-    // Hosts parse a command up to its first blank, so a request without arguments carries one in memory and
-    // in the log; it is not part of the length and never reaches the wire.
-    uint64_t length = request.size();
-    if (request.find(' ') == std::string::npos) {
-        request += ' ';
     }
     return RpcOut_SendRequestRaw(request.c_str(), length, reply, replyLength);
 }

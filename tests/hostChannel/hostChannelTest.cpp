@@ -1,6 +1,7 @@
 // The channel protocol call by call: what goes into each register, and what becomes of each kind of answer.
 #include "hostChannel/hostChannel.h"
 
+#include "support/failingNew.h"
 #include "support/scriptedPort.h"
 
 #include <cstring>
@@ -12,6 +13,8 @@
 
 namespace {
 
+using Sub = HostChannel_SubCommand;
+
 constexpr uint16_t ID = 0x1234;
 constexpr uint32_t COOKIE_HIGH = 0xC00C1E01;
 constexpr uint32_t COOKIE_LOW = 0xC00C1E02;
@@ -22,41 +25,53 @@ constexpr uint8_t BULK_WAITING = WAITING | HOSTCHANNEL_HIGH_BANDWIDTH;
 constexpr uint8_t CHECKPOINT = HOSTCHANNEL_CHECKPOINT;
 constexpr uint8_t REFUSED = 0;
 
-// One expected call and its answer. Names of sub-commands: "size" is SendSize and so on.
+// One expected call and its answer.
 struct Step {
     PortKind kind;
-    HostChannel_SubCommand subCommand; // low-bandwidth calls
-    uint64_t bx;                       // argument in; for bulk calls the byte count
+    Sub subCommand; // low-bandwidth calls
+    uint64_t bx;    // low-bandwidth calls
     uint8_t status;
     uint64_t replyBx = 0;
     uint16_t replyDx = 0;
     std::string data = {}; // bulk: bytes expected out, or delivered in
 };
 
-Step Low(HostChannel_SubCommand subCommand, uint64_t bx, uint8_t status, uint64_t replyBx = 0,
-         uint16_t replyDx = 0) {
-    return {PortKind::Low, subCommand, bx, status, replyBx, replyDx, {}};
-}
-Step Bulk(PortKind kind, std::string data, uint8_t status) {
-    return {kind, HostChannel_SubCommand::Open, data.size(), status, 0, 0, std::move(data)};
-}
-
 class HostChannelTest : public testing::Test {
 protected:
-    using Sub = HostChannel_SubCommand;
+    static Step Open(uint64_t protocol, uint8_t status = OK) {
+        return {PortKind::Low, Sub::Open, protocol, status};
+    }
+    static Step Close(uint8_t status = OK) { return {PortKind::Low, Sub::Close, 0, status}; }
+    static Step SendSize(uint64_t length, uint8_t status = OK) {
+        return {PortKind::Low, Sub::SendSize, length, status};
+    }
+    static Step SendWord(uint64_t word, uint8_t status = OK) {
+        return {PortKind::Low, Sub::SendPayload, word, status};
+    }
+    static Step BulkOut(std::string data, uint8_t status = OK) {
+        return {PortKind::BulkOut, Sub::Open, 0, status, 0, 0, std::move(data)};
+    }
+    static Step Waiting(uint64_t length, uint8_t status = WAITING, uint16_t direction = 1) {
+        return {PortKind::Low, Sub::ReceiveSize, 0, status, length, direction};
+    }
+    static Step ReceiveWord(uint64_t word, uint8_t status = OK, uint16_t direction = 2) {
+        return {PortKind::Low, Sub::ReceivePayload, 1, status, word, direction};
+    }
+    static Step BulkIn(std::string data, uint8_t status = OK) {
+        return {PortKind::BulkIn, Sub::Open, 0, status, 0, 0, std::move(data)};
+    }
+    static Step Received(uint8_t status = OK) { return {PortKind::Low, Sub::ReceiveStatus, 1, status}; }
+    static Step Notice(Sub subCommand) { return {PortKind::Low, subCommand, 0, OK}; }
 
     HostChannelTest() {
         scriptedPort = [this](PortKind kind, HvPort_Registers* registers) { Answer(kind, registers); };
-        Expect({Low(Sub::Open, HOSTCHANNEL_TCLO | HOSTCHANNEL_COOKIE_FLAG, OK)});
+        Expect({Open(HOSTCHANNEL_TCLO | HOSTCHANNEL_COOKIE_FLAG)});
         channel_ = HostChannel_Open(HOSTCHANNEL_TCLO);
     }
     ~HostChannelTest() override {
         EXPECT_TRUE(steps_.empty()) << steps_.size() << " expected calls were not made";
-        steps_.clear();
-        if (channel_) {
-            Expect({Low(Sub::Close, 0, OK)});
-            EXPECT_TRUE(HostChannel_Close(channel_));
-        }
+        steps_ = {Close()};
+        EXPECT_TRUE(HostChannel_Close(channel_));
         scriptedPort = nullptr;
     }
 
@@ -89,26 +104,24 @@ protected:
             AnswerBulk(step, registers);
         }
     }
-    void AnswerLow(const Step& step, HvPort_Registers* registers) {
+    static void AnswerLow(const Step& step, HvPort_Registers* registers) {
+        bool open = step.subCommand == Sub::Open;
         EXPECT_EQ(registers->cx, static_cast<uint64_t>(step.subCommand) << 16 | 30);
         EXPECT_EQ(registers->bx, step.bx);
-        if (step.subCommand == Sub::Open) {
-            EXPECT_EQ(registers->dx, HVPORT_LOW_BANDWIDTH);
-            registers->dx = HvPort_Word(ID, 0);
+        EXPECT_EQ(registers->dx, HvPort_Word(open ? 0 : ID, HVPORT_LOW_BANDWIDTH));
+        EXPECT_EQ(registers->si, open ? 0 : COOKIE_HIGH);
+        EXPECT_EQ(registers->di, open ? 0 : COOKIE_LOW);
+        if (open) {
             // Only the low halves are cookies.
             registers->si = 0xAAAAAAAA00000000 | COOKIE_HIGH;
             registers->di = 0xBBBBBBBB00000000 | COOKIE_LOW;
-        } else {
-            EXPECT_EQ(registers->dx, HvPort_Word(ID, HVPORT_LOW_BANDWIDTH));
-            EXPECT_EQ(registers->si, COOKIE_HIGH);
-            EXPECT_EQ(registers->di, COOKIE_LOW);
-            registers->dx = HvPort_Word(step.replyDx, 0);
         }
+        registers->dx = HvPort_Word(open ? ID : step.replyDx, 0);
         registers->bx = step.replyBx;
-        registers->cx = static_cast<uint64_t>(0xFF00 | step.status)
-                        << 16; // the upper status byte does not count
+        // The upper byte of the status does not count.
+        registers->cx = HvPort_Word(static_cast<uint16_t>(0xFF00 | step.status), 0);
     }
-    void AnswerBulk(const Step& step, HvPort_Registers* registers) {
+    static void AnswerBulk(const Step& step, HvPort_Registers* registers) {
         bool out = step.kind == PortKind::BulkOut;
         EXPECT_EQ(registers->bx, 0x10000u);
         EXPECT_EQ(registers->cx, step.data.size());
@@ -128,16 +141,17 @@ protected:
 };
 
 TEST_F(HostChannelTest, OpenTriesOnceMoreWithoutTheCookieFlag) {
-    Expect({Low(Sub::Open, HOSTCHANNEL_RPCI | HOSTCHANNEL_COOKIE_FLAG, REFUSED),
-            Low(Sub::Open, HOSTCHANNEL_RPCI, OK), Low(Sub::SendSize, 0, OK), Low(Sub::Close, 0, REFUSED)});
+    Expect({Open(HOSTCHANNEL_RPCI | HOSTCHANNEL_COOKIE_FLAG, REFUSED), Open(HOSTCHANNEL_RPCI), SendSize(0),
+            Close(REFUSED)});
     HostChannel* second = HostChannel_Open(HOSTCHANNEL_RPCI);
     ASSERT_TRUE(second);
     EXPECT_TRUE(HostChannel_Send(second, nullptr, 0)) << "the second reply's cookies count";
     EXPECT_FALSE(HostChannel_Close(second)) << "the host's refusal is told, the channel is gone all the same";
 
-    Expect({Low(Sub::Open, HOSTCHANNEL_RPCI | HOSTCHANNEL_COOKIE_FLAG, REFUSED),
-            Low(Sub::Open, HOSTCHANNEL_RPCI, REFUSED)});
+    Expect({Open(HOSTCHANNEL_RPCI | HOSTCHANNEL_COOKIE_FLAG, REFUSED), Open(HOSTCHANNEL_RPCI, REFUSED)});
     EXPECT_EQ(HostChannel_Open(HOSTCHANNEL_RPCI), nullptr);
+    FailingNew_Set(1);
+    EXPECT_EQ(HostChannel_Open(HOSTCHANNEL_RPCI), nullptr) << "no memory, no call";
 }
 
 TEST_F(HostChannelTest, WordsCarryExactlyTheBytesThatRemain) {
@@ -153,156 +167,87 @@ TEST_F(HostChannelTest, WordsCarryExactlyTheBytesThatRemain) {
         {"\x81\x82\x83\x84\x85", {0x84838281, 0x85}},
     };
     for (const auto& c : cases) {
-        Expect({Low(Sub::SendSize, c.text.size(), OK)});
+        Expect({SendSize(c.text.size())});
         for (uint64_t word : c.words) {
-            Expect({Low(Sub::SendPayload, word, OK)});
+            Expect({SendWord(word)});
         }
         EXPECT_TRUE(Send(c.text));
 
-        Expect({Low(Sub::ReceiveSize, 0, WAITING, c.text.size(), 1)});
+        Expect({Waiting(c.text.size())});
         for (uint64_t word : c.words) {
             // Garbage behind the last byte must not be stored.
-            Expect({Low(Sub::ReceivePayload, 1, OK, word | 0xEEEEEEEE00000000, 2)});
+            Expect({ReceiveWord(word | 0xEEEEEEEE00000000)});
         }
-        Expect({Low(Sub::ReceiveStatus, 1, OK)});
+        Expect({Received()});
         EXPECT_EQ(Receive(), c.text);
     }
 }
 
 TEST_F(HostChannelTest, HighBandwidthCarriesTheWholeMessage) {
     std::string text(100000, 'x');
-    Expect({Low(Sub::SendSize, text.size(), BULK), Bulk(PortKind::BulkOut, text, OK)});
+    Expect({SendSize(text.size(), BULK), BulkOut(text)});
     EXPECT_TRUE(Send(text));
-    Expect({Low(Sub::SendSize, 0, BULK)});
+    Expect({SendSize(0, BULK)});
     EXPECT_TRUE(Send("")) << "an empty message has no transfer";
-    Expect({Low(Sub::ReceiveSize, 0, BULK_WAITING, text.size(), 1), Bulk(PortKind::BulkIn, text, OK),
-            Low(Sub::ReceiveStatus, 1, OK)});
+    Expect({Waiting(text.size(), BULK_WAITING), BulkIn(text), Received()});
     EXPECT_EQ(Receive(), text);
-    Expect({Low(Sub::ReceiveSize, 0, BULK_WAITING, 0, 1), Low(Sub::ReceiveStatus, 1, OK)});
+    Expect({Waiting(0, BULK_WAITING), Received()});
     EXPECT_EQ(Receive(), "");
-}
-
-TEST_F(HostChannelTest, NothingWaitingLeavesTheBufferAlone) {
-    Expect({Low(Sub::ReceiveSize, 0, OK, 77, 1)});
-    EXPECT_EQ(Receive(), "nothing");
+    Expect({Waiting(77, OK)});
+    EXPECT_EQ(Receive(), "nothing") << "none is waiting";
 }
 
 TEST_F(HostChannelTest, ACheckpointStartsTheTransferAgain) {
-    Expect({Low(Sub::SendSize, 5, OK), Low(Sub::SendPayload, 0x64636261, OK),
-            Low(Sub::SendPayload, 0x65, CHECKPOINT), Low(Sub::SendSize, 5, BULK),
-            Bulk(PortKind::BulkOut, "abcde", CHECKPOINT), Low(Sub::SendSize, 5, OK),
-            Low(Sub::SendPayload, 0x64636261, OK), Low(Sub::SendPayload, 0x65, OK)});
+    Expect({SendSize(5), SendWord(0x64636261), SendWord(0x65, CHECKPOINT), SendSize(5, BULK),
+            BulkOut("abcde", CHECKPOINT), SendSize(5), SendWord(0x64636261), SendWord(0x65)});
     EXPECT_TRUE(Send("abcde"));
 
-    Expect({Low(Sub::ReceiveSize, 0, WAITING, 8, 1), Low(Sub::ReceivePayload, 1, OK, 0x64636261, 2),
-            Low(Sub::ReceivePayload, 1, CHECKPOINT), Low(Sub::ReceiveSize, 0, BULK_WAITING, 3, 1),
-            Bulk(PortKind::BulkIn, "xyz", CHECKPOINT), Low(Sub::ReceiveSize, 0, WAITING, 2, 1),
-            Low(Sub::ReceivePayload, 1, OK, 0x6261, 2), Low(Sub::ReceiveStatus, 1, CHECKPOINT),
-            Low(Sub::ReceiveSize, 0, WAITING, 1, 1), Low(Sub::ReceivePayload, 1, OK, 0x7A, 2),
-            Low(Sub::ReceiveStatus, 1, OK)});
+    Expect({Waiting(8), ReceiveWord(0x64636261), ReceiveWord(0, CHECKPOINT), Waiting(3, BULK_WAITING),
+            BulkIn("xyz", CHECKPOINT), Waiting(2), ReceiveWord(0x6261), Received(CHECKPOINT), Waiting(1),
+            ReceiveWord(0x7A), Received()});
     EXPECT_EQ(Receive(), "z");
 
-    Expect({Low(Sub::ReceiveSize, 0, WAITING, 4, 1), Low(Sub::ReceivePayload, 1, CHECKPOINT),
-            Low(Sub::ReceiveSize, 0, REFUSED)});
-    EXPECT_EQ(Receive(), "failed");
-}
-
-TEST_F(HostChannelTest, ACheckpointOnASizeCallIsAFailure) {
-    Expect({Low(Sub::SendSize, 1, CHECKPOINT), Low(Sub::ReceiveSize, 0, CHECKPOINT)});
-    EXPECT_FALSE(Send("a"));
+    Expect({Waiting(4), ReceiveWord(0, CHECKPOINT), Waiting(0, REFUSED)});
     EXPECT_EQ(Receive(), "failed");
 }
 
 TEST_F(HostChannelTest, SendFailuresEndTheMessage) {
-    Expect({Low(Sub::SendSize, 1, REFUSED)});
-    EXPECT_FALSE(Send("a"));
-    Expect({Low(Sub::SendSize, 5, OK), Low(Sub::SendPayload, 0x64636261, REFUSED)});
+    for (uint8_t status : {REFUSED, CHECKPOINT}) {
+        Expect({SendSize(1, status)});
+        EXPECT_FALSE(Send("a"));
+    }
+    Expect({SendSize(5), SendWord(0x64636261, REFUSED)});
     EXPECT_FALSE(Send("abcde"));
-    Expect({Low(Sub::SendSize, 1, BULK), Bulk(PortKind::BulkOut, "a", REFUSED)});
+    Expect({SendSize(1, BULK), BulkOut("a", REFUSED)});
     EXPECT_FALSE(Send("a"));
     EXPECT_FALSE(HostChannel_Send(channel_, nullptr, uint64_t{1} << 32))
         << "the size word has 32 bits; no call";
 }
 
 TEST_F(HostChannelTest, ReceiveFailuresAreNotifiedInTheFormThatFits) {
-    // A wrong direction in the size reply ends it without a notice.
-    Expect({Low(Sub::ReceiveSize, 0, WAITING, 4, 2)});
-    EXPECT_EQ(Receive(), "failed");
-    // Bytes still counted as missing: sub-command 4.
-    Expect({Low(Sub::ReceiveSize, 0, WAITING, 5, 1), Low(Sub::ReceivePayload, 1, REFUSED),
-            Low(Sub::ReceivePayload, 0, OK)});
-    EXPECT_EQ(Receive(), "failed");
-    Expect({Low(Sub::ReceiveSize, 0, WAITING, 5, 1), Low(Sub::ReceivePayload, 1, OK, 0, 2),
-            Low(Sub::ReceivePayload, 1, OK, 0, 1), Low(Sub::ReceivePayload, 0, OK)});
-    EXPECT_EQ(Receive(), "failed");
-    // All bytes there, the partial last word included: sub-command 5.
-    Expect({Low(Sub::ReceiveSize, 0, WAITING, 5, 1), Low(Sub::ReceivePayload, 1, OK, 0, 2),
-            Low(Sub::ReceivePayload, 1, OK, 0, 2), Low(Sub::ReceiveStatus, 1, REFUSED),
-            Low(Sub::ReceiveStatus, 0, OK)});
-    EXPECT_EQ(Receive(), "failed");
-    // After a bulk transfer always sub-command 4, unless the message was empty.
-    Expect({Low(Sub::ReceiveSize, 0, BULK_WAITING, 3, 1), Bulk(PortKind::BulkIn, "abc", OK),
-            Low(Sub::ReceiveStatus, 1, REFUSED), Low(Sub::ReceivePayload, 0, OK)});
-    EXPECT_EQ(Receive(), "failed");
-    Expect({Low(Sub::ReceiveSize, 0, BULK_WAITING, 0, 1), Low(Sub::ReceiveStatus, 1, REFUSED),
-            Low(Sub::ReceiveStatus, 0, OK)});
-    EXPECT_EQ(Receive(), "failed");
-}
-
-TEST_F(HostChannelTest, EndlessCheckpointsEnd) {
-    unsigned calls = 0;
-    bool bulk = false;
-    scriptedPort = [&](PortKind kind, HvPort_Registers* registers) {
-        ++calls;
-        auto sub = static_cast<Sub>(HvPort_High(registers->cx));
-        bool size = kind == PortKind::Low && (sub == Sub::SendSize || sub == Sub::ReceiveSize);
-        uint8_t status = size ? static_cast<uint8_t>(WAITING | (bulk ? 0x80 : 0)) : CHECKPOINT;
-        registers->cx = HvPort_Word(status, 0);
-        registers->bx = kind == PortKind::Low ? 4 : HvPort_Word(status, 0);
-        registers->dx = HvPort_Word(1, 0);
+    const std::vector<Step> cases[] = {
+        // What is wrong with the size reply ends it without a notice.
+        {Waiting(0, REFUSED)},
+        {Waiting(0, CHECKPOINT)},
+        {Waiting(4, WAITING, 2)},
+        // Bytes still counted as missing.
+        {Waiting(5), ReceiveWord(0, REFUSED), Notice(Sub::ReceivePayload)},
+        {Waiting(5), ReceiveWord(0), ReceiveWord(0, OK, 1), Notice(Sub::ReceivePayload)},
+        // All bytes there, the partial last word included.
+        {Waiting(5), ReceiveWord(0), ReceiveWord(0), Received(REFUSED), Notice(Sub::ReceiveStatus)},
+        // After a bulk transfer nothing is counted off, not even when all is there.
+        {Waiting(3, BULK_WAITING), BulkIn("abc", REFUSED), Notice(Sub::ReceivePayload)},
+        {Waiting(3, BULK_WAITING), BulkIn("abc"), Received(REFUSED), Notice(Sub::ReceivePayload)},
+        {Waiting(0, BULK_WAITING), Received(REFUSED), Notice(Sub::ReceiveStatus)},
     };
-    for (bool high : {false, true}) {
-        bulk = high;
-        calls = 0;
-        EXPECT_FALSE(Send("abcd"));
-        EXPECT_EQ(calls, 2 * (HOSTCHANNEL_MAX_RESTARTS + 1));
-        calls = 0;
+    for (const std::vector<Step>& steps : cases) {
+        steps_.assign(steps.begin(), steps.end());
         EXPECT_EQ(Receive(), "failed");
-        EXPECT_EQ(calls, 2 * (HOSTCHANNEL_MAX_RESTARTS + 1));
+        EXPECT_TRUE(steps_.empty()) << "case " << &steps - cases;
     }
-    scriptedPort = [this](PortKind kind, HvPort_Registers* registers) { Answer(kind, registers); };
-}
-
-TEST_F(HostChannelTest, TheReceiveBufferKeepsItsSize) {
-    auto receiveFour = [this] {
-        Expect({Low(Sub::ReceiveSize, 0, WAITING, 4, 1), Low(Sub::ReceivePayload, 1, OK, 0x64636261, 2),
-                Low(Sub::ReceiveStatus, 1, OK)});
-        uint8_t* buffer = nullptr;
-        uint64_t length = 0;
-        EXPECT_TRUE(HostChannel_Receive(channel_, &buffer, &length));
-        return buffer;
-    };
-    Expect({Low(Sub::ReceiveSize, 0, BULK_WAITING, 1000, 1),
-            Bulk(PortKind::BulkIn, std::string(1000, 'x'), OK), Low(Sub::ReceiveStatus, 1, OK)});
-    EXPECT_EQ(Receive().size(), 1000u);
-    uint8_t* first = receiveFour();
-    EXPECT_EQ(first, receiveFour());
-    EXPECT_EQ(first[5], 'x') << "what lay behind a shorter message is still there";
-}
-
-TEST_F(HostChannelTest, AReplacementTakesTheWholeCall) {
-    static int calls;
-    calls = 0;
-    hostChannelTransport = {[](uint32_t) -> HostChannel* { return ++calls, nullptr; },
-                            [](HostChannel*, const uint8_t*, uint64_t) { return ++calls, true; },
-                            [](HostChannel*, uint8_t**, uint64_t*) { return ++calls, true; },
-                            [](HostChannel*) { return ++calls, true; }};
-    EXPECT_EQ(HostChannel_Open(1), nullptr);
-    EXPECT_TRUE(HostChannel_Send(nullptr, nullptr, 1));
-    EXPECT_TRUE(HostChannel_Receive(nullptr, nullptr, nullptr));
-    EXPECT_TRUE(HostChannel_Close(nullptr));
-    EXPECT_EQ(calls, 4);
-    hostChannelTransport = {};
+    FailingNew_Set(1);
+    Expect({Waiting(1000), Notice(Sub::ReceivePayload)});
+    EXPECT_EQ(Receive(), "failed") << "no memory for the message";
 }
 
 } // namespace

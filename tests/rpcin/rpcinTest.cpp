@@ -2,6 +2,7 @@
 
 #include "hostChannel/hostChannel.h"
 #include "support/diagCapture.h"
+#include "support/failingNew.h"
 #include "support/transportDouble.h"
 
 #include <cstdlib>
@@ -36,10 +37,6 @@ bool Handle(const char** result, uint64_t* resultLength, const char* name, const
 
 bool Reset(RpcInCall* call) {
     EXPECT_STREQ(call->name, "reset");
-    EXPECT_EQ(call->result, nullptr);
-    EXPECT_EQ(call->resultLen, 0u);
-    EXPECT_FALSE(call->freeResult);
-    EXPECT_EQ(call->appCtx, nullptr);
     call->result = strdup(static_cast<const char*>(call->clientData));
     call->resultLen = std::strlen(call->result);
     call->freeResult = true; // a leak if it is not released
@@ -174,15 +171,22 @@ TEST_F(RpcInTest, PollingBacksOffAndACommandBringsItBack) {
 
 TEST_F(RpcInTest, ErrorsEndTheLoopAndAreTold) {
     struct {
-        unsigned sends, receives;
+        unsigned sends, receives, failingNew;
         const char* error;
-    } const cases[] = {{0, 9, "RpcIn: Unable to send"}, {9, 0, "RpcIn: Unable to receive"}};
+    } const cases[] = {{0, 9, 0, "RpcIn: Unable to send"},
+                       {9, 0, 0, "RpcIn: Unable to receive"},
+                       {9, 9, 1, "RpcIn: Not enough memory"},
+                       {9, 9, 2, "RpcIn: Unable to run the loop"}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.error);
         error_.clear();
         host_.sendsLeft = c.sends;
         host_.receivesLeft = c.receives;
+        host_.incoming = {"reset"};
         ASSERT_TRUE(Start());
+        FailingNew_Set(c.failingNew);
         EXPECT_EQ(Turn(), 0) << "the queue itself carries on";
+        FailingNew_Set(0);
         EXPECT_EQ(error_, c.error);
         EXPECT_EQ(Turn(), -1) << "nothing is scheduled any more";
         EXPECT_EQ(host_.opened, host_.closed);
@@ -207,13 +211,17 @@ TEST_F(RpcInTest, StopSendsWhatIsOwedAndStartWorksAgain) {
     host_.canClose = true;
 }
 
-TEST_F(RpcInTest, AChannelThatCannotBeOpenedFailsTheStart) {
-    host_.canOpen = false;
+TEST_F(RpcInTest, AFailedStartLeavesNothingBehind) {
     DiagCapture_Take();
+    host_.canOpen = false;
+    EXPECT_FALSE(Start());
+    host_.canOpen = true;
+    FailingNew_Set(1);
     EXPECT_FALSE(Start());
     EXPECT_THAT(DiagCapture_Take().debug,
-                ElementsAre("RpcIn_start: couldn't open channel with TCLO protocol\n"));
-    host_.canOpen = true;
+                ElementsAre("RpcIn_start: couldn't open channel with TCLO protocol\n",
+                            "RpcIn_start: couldn't start the loop\n"));
+    EXPECT_EQ(host_.opened, host_.closed);
     EXPECT_EQ(Turn(), -1);
 }
 

@@ -2,26 +2,27 @@
 
 #include "hostChannel/hostChannel.h"
 #include "support/diagCapture.h"
+#include "support/failingNew.h"
 #include "support/transportDouble.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <memory>
 
 namespace {
+
+constexpr char INVALID[] = "RpcOut: Invalid format for the result of the RPCI command";
 
 struct Outcome {
     bool status;
     std::optional<std::string> reply;
-    uint64_t length;
 };
 
 Outcome Request(const char* text) {
     char* reply = nullptr;
     uint64_t length = 4711;
     bool status = RpcOut_SendRequest(&reply, &length, "%s", text);
-    Outcome outcome{status, std::nullopt, length};
+    Outcome outcome{status, std::nullopt};
     if (reply) {
         EXPECT_EQ(reply[length], '\0');
         outcome.reply.emplace(reply, static_cast<size_t>(length));
@@ -41,10 +42,10 @@ TEST(RpcOut, TheHostsPrefixDecides) {
         {std::string("1 a\0b", 5), true, std::string("a\0b", 3)},
         {"0 ", false, ""},
         {"0 Unknown command", false, "Unknown command"},
-        {"1", false, "RpcOut: Invalid format for the result of the RPCI command"},
-        {"", false, "RpcOut: Invalid format for the result of the RPCI command"},
-        {"11 ", false, "RpcOut: Invalid format for the result of the RPCI command"},
-        {"2 ", false, "RpcOut: Invalid format for the result of the RPCI command"},
+        {"1", false, INVALID},
+        {"", false, INVALID},
+        {"11 ", false, INVALID},
+        {"2 ", false, INVALID},
     };
     for (const auto& c : cases) {
         TransportDouble host;
@@ -60,18 +61,20 @@ TEST(RpcOut, TheHostsPrefixDecides) {
 
 TEST(RpcOut, EveryFailureExplainsItselfAndLeavesNoChannelOpen) {
     struct {
+        unsigned failingNew;
         bool canOpen;
-        unsigned sends;
-        unsigned receives;
+        unsigned sends, receives;
         std::string reply;
     } const cases[] = {
-        {false, 1, 1, "RpcOut: Unable to open the communication channel"},
-        {true, 0, 1, "RpcOut: Unable to send the RPCI command"},
-        {true, 1, 0, "RpcOut: Unable to receive the result of the RPCI command"},
+        {1, true, 1, 1, "RpcOut: Unable to create the RpcOut object"},
+        {0, false, 1, 1, "RpcOut: Unable to open the communication channel"},
+        {0, true, 0, 1, "RpcOut: Unable to send the RPCI command"},
+        {0, true, 1, 0, "RpcOut: Unable to receive the result of the RPCI command"},
     };
     for (const auto& c : cases) {
         TransportDouble host;
         host.incoming.push_back("1 ");
+        FailingNew_Set(c.failingNew);
         host.canOpen = c.canOpen;
         host.sendsLeft = c.sends;
         host.receivesLeft = c.receives;
