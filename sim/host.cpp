@@ -135,8 +135,7 @@ void BeginStep(Host* host) {
     }
 }
 
-// --- Requests of the guest
-// -----------------------------------------------------------------------------------
+// ---- Requests of the guest ----
 
 bool LooksLikeRoot(std::string_view root) {
     // Eight hexadecimal digits between separators at the end of an absolute path.
@@ -198,8 +197,7 @@ void RequestFromGuest(Host* host, std::optional<std::string>* reply, std::string
     Say(host, "host answers:  " + Printable(**reply));
 }
 
-// --- Commands to the guest
-// -----------------------------------------------------------------------------------
+// ---- Commands to the guest ----
 
 void TakePacketReply(Host* host, std::string_view reply) {
     if (!reply.starts_with(REPLY_OK)) {
@@ -321,8 +319,7 @@ void CommandChannelClosed(Host* host) {
     EnterPhase(host, Host_Phase::Finishing);
 }
 
-// --- The hypervisor's callbacks
-// ------------------------------------------------------------------------------
+// ---- The hypervisor's callbacks ----
 
 std::optional<std::string>* PendingReply(Host* host, uint16_t channel) {
     auto found = std::find_if(host->rpci.begin(), host->rpci.end(),
@@ -387,8 +384,7 @@ void OnClosed(void* clientData, uint16_t channel) {
     std::erase_if(host->rpci, [channel](const auto& entry) { return entry.first == channel; });
 }
 
-// --- Steps in writing
-// ----------------------------------------------------------------------------------------
+// ---- Steps in writing ----
 
 std::pair<std::string_view, std::string_view> SplitWord(std::string_view text) {
     size_t blank = std::min(text.find(' '), text.size());

@@ -93,8 +93,7 @@ void AnswerBulk(HvPort_Registers* registers, uint8_t status) {
     registers->bp = JUNK;
 }
 
-// --- Channels
-// ------------------------------------------------------------------------------------------------
+// ---- Channels ----
 
 Channel* FindChannel(Hypervisor* hypervisor, uint16_t id) {
     auto& channels = hypervisor->channels;
@@ -169,8 +168,7 @@ void CheckNothingUnderWay(Hypervisor* hypervisor, Channel* channel, const char* 
     AbandonTransfer(channel);
 }
 
-// --- Low-bandwidth sub-commands
-// ------------------------------------------------------------------------------
+// ---- Low-bandwidth sub-commands ----
 
 void Open(Hypervisor* hypervisor, Fault fault, HvPort_Registers* registers) {
     if ((registers->bx >> 32) != 0) {
@@ -354,8 +352,7 @@ void Close(Hypervisor* hypervisor, Channel* channel, Fault fault, HvPort_Registe
     }
 }
 
-// --- One call
-// ------------------------------------------------------------------------------------------------
+// ---- One call ----
 
 // The open channel that a call means, when it also knows both cookie words.
 Channel* AddressedChannel(Hypervisor* hypervisor, uint64_t dx, uint64_t cookieHigh, uint64_t cookieLow) {

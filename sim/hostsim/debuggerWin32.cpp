@@ -56,8 +56,7 @@ std::vector<uint8_t> ReadCode(HANDLE process, uint64_t address, size_t wanted) {
     return code;
 }
 
-// --- Modules
-// -------------------------------------------------------------------------------------------------
+// ---- Modules ----
 
 uint64_t ModuleSize(HANDLE process, uint64_t base) {
     IMAGE_DOS_HEADER dos{};
@@ -119,8 +118,7 @@ const Debugger_Module* FindModule(const Debugger& debugger, const char* name) {
     return nullptr;
 }
 
-// --- Exceptions
-// ----------------------------------------------------------------------------------------------
+// ---- Exceptions ----
 
 std::string DescribeException(const Debugger& debugger, const EXCEPTION_RECORD& record) {
     std::string text = Str_Format("exception 0x%08x", static_cast<unsigned>(record.ExceptionCode));
@@ -212,8 +210,7 @@ DWORD OnException(Debugger* debugger, DWORD threadId, const EXCEPTION_DEBUG_INFO
     return !first && debugger->letGo ? DBG_CONTINUE : DBG_EXCEPTION_NOT_HANDLED;
 }
 
-// --- Debug output
-// --------------------------------------------------------------------------------------------
+// ---- Debug output ----
 
 void OnDebugString(Debugger* debugger, const OUTPUT_DEBUG_STRING_INFO& info) {
     // The length counts 16 bits, terminator included.
@@ -233,8 +230,7 @@ void OnDebugString(Debugger* debugger, const OUTPUT_DEBUG_STRING_INFO& info) {
     debugger->events.said(debugger->events.clientData, text);
 }
 
-// --- The loop
-// ------------------------------------------------------------------------------------------------
+// ---- The loop ----
 
 DWORD OnEvent(Debugger* debugger, const DEBUG_EVENT& event, std::optional<uint32_t>* exitCode) {
     switch (event.dwDebugEventCode) {

@@ -56,8 +56,7 @@ double Now(const Front& front) {
            static_cast<double>(front.frequency.QuadPart);
 }
 
-// --- What people see
-// -----------------------------------------------------------------------------------------
+// ---- What people see ----
 
 void EndProgress(Front* front) {
     if (front->progressShown) {
@@ -116,8 +115,7 @@ void ShowProgress(Front* front, bool last) {
     }
 }
 
-// --- The host's callbacks
-// ------------------------------------------------------------------------------------
+// ---- The host's callbacks ----
 
 void OnPhase(void* data, Host_Phase phase) {
     auto* front = static_cast<Front*>(data);
@@ -151,19 +149,19 @@ bool ReadImage(void* data, uint64_t offset, uint8_t* bytes, size_t length) {
            read == length;
 }
 
-// --- The debugger's callbacks
-// --------------------------------------------------------------------------------
+// ---- The debugger's callbacks ----
 
 bool OnPort(void* data, Hypervisor_Instruction instruction, bool backwards, HvPort_Registers* registers) {
     auto* front = static_cast<Front*>(data);
     if (front->options.noPort) {
         return false;
     }
-    uint64_t deviations = front->hypervisor.deviationCount;
+    const std::vector<std::string>& deviations = front->hypervisor.deviations;
+    size_t known = deviations.size();
     Host_Phase phase = front->host.phase;
     Hypervisor_Call(&front->hypervisor, instruction, backwards, registers);
-    if (front->hypervisor.deviationCount > deviations && !front->hypervisor.deviations.empty()) {
-        WriteDown(front, "port", "deviation: " + front->hypervisor.deviations.back());
+    if (deviations.size() > known) {
+        WriteDown(front, "port", "deviation: " + deviations.back());
     }
     if (front->host.phase == phase) {
         ShowProgress(front, false);
@@ -235,8 +233,7 @@ bool OnTurn(void* data) {
     return true;
 }
 
-// --- The guest's files
-// ---------------------------------------------------------------------------------------
+// ---- The guest's files ----
 
 void CountFiles(const std::wstring& folder, uint64_t* files, uint64_t* bytes) {
     WIN32_FIND_DATAW entry{};
@@ -270,8 +267,7 @@ void InspectGuest(Front* front) {
     CountFiles(root, &report.filesLeft, &report.bytesLeft);
 }
 
-// --- The run
-// -------------------------------------------------------------------------------------------------
+// ---- The run ----
 
 bool OpenImage(Front* front, std::string* error) {
     const std::string& path = front->options.image;
@@ -282,8 +278,9 @@ bool OpenImage(Front* front, std::string* error) {
                                    OPEN_EXISTING, 0, nullptr));
     LARGE_INTEGER size{};
     if (!front->image || !GetFileSizeEx(front->image.Get(), &size)) {
-        *error = Str_Format("the image %s cannot be opened: error %u", path.c_str(),
-                            static_cast<unsigned>(GetLastError()));
+        DWORD code = GetLastError();
+        *error =
+            Str_Format("the image %s cannot be opened: error %u", path.c_str(), static_cast<unsigned>(code));
         return false;
     }
     front->host.client.source = {ReadImage, front, static_cast<uint64_t>(size.QuadPart)};

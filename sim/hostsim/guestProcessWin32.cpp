@@ -11,8 +11,10 @@ namespace {
 
 constexpr DWORD END_LIMIT = 10000; // milliseconds
 
-std::string SystemError(const char* what, DWORD error) {
-    return Str_Format("%s failed with error %u", what, static_cast<unsigned>(error));
+// Gives the reason of a failure in words, and false for the caller to return.
+bool Failed(const std::string& what, DWORD code, std::string* error) {
+    *error = Str_Format("%s failed with error %u", what.c_str(), static_cast<unsigned>(code));
+    return false;
 }
 
 bool IsFile(const std::wstring& path) {
@@ -45,15 +47,12 @@ std::wstring FindProgram(const std::string& name) {
     return {};
 }
 
-KernelHandle MakeJob() {
-    KernelHandle job(CreateJobObjectW(nullptr, nullptr));
+bool MakeJob(KernelHandle* job) {
+    job->Reset(CreateJobObjectW(nullptr, nullptr));
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    if (job &&
-        !SetInformationJobObject(job.Get(), JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
-        job.Reset();
-    }
-    return job;
+    return *job &&
+           SetInformationJobObject(job->Get(), JobObjectExtendedLimitInformation, &limits, sizeof limits);
 }
 
 // A pipe whose writing end the guest inherits.
@@ -80,8 +79,8 @@ bool CreateGuest(const std::wstring& program, std::wstring commandLine, HANDLE e
     startup.hStdInput = nothing.Get();
     startup.hStdOutput = nothing.Get();
     startup.hStdError = errors;
-    SetEnvironmentVariableW(L"_NO_DEBUG_HEAP",
-                            L"1"); // the guest's memory shall be as it is without a debugger
+    // The guest's memory shall be as it is without a debugger.
+    SetEnvironmentVariableW(L"_NO_DEBUG_HEAP", L"1");
     PROCESS_INFORMATION information{};
     if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, DEBUG_ONLY_THIS_PROCESS,
                         nullptr, nullptr, &startup, &information)) {
@@ -176,26 +175,25 @@ bool GuestProcess_Start(const std::vector<std::string>& guest, GuestProcess* sta
         *error = "there is no program " + guest.front();
         return false;
     }
-    started->job = MakeJob();
-    if (!started->job) {
-        *error = SystemError("making a job", GetLastError());
-        return false;
+    if (!MakeJob(&started->job)) {
+        DWORD code = GetLastError();
+        return Failed("making a job", code, error);
     }
     FileHandle errors;
     if (!MakePipe(&started->errors, &errors)) {
-        *error = SystemError("making a pipe", GetLastError());
-        return false;
+        DWORD code = GetLastError();
+        return Failed("making a pipe", code, error);
     }
     std::vector<std::string> arguments(guest.begin() + 1, guest.end());
     if (!CreateGuest(program, GuestProcess_CommandLine(program, arguments), errors.Get(), started)) {
-        *error = SystemError(("starting " + Text_FromWide(program)).c_str(), GetLastError());
-        return false;
+        DWORD code = GetLastError();
+        return Failed("starting " + Text_FromWide(program), code, error);
     }
     // Its first debug event has not been answered yet, so it cannot have children outside the job.
     if (!AssignProcessToJobObject(started->job.Get(), started->process.Get())) {
-        *error = SystemError("putting the guest into its job", GetLastError());
+        DWORD code = GetLastError();
         TerminateProcess(started->process.Get(), 1);
-        return false;
+        return Failed("putting the guest into its job", code, error);
     }
     return true;
 }

@@ -9,8 +9,8 @@
 
 int wmain(int count, wchar_t** wideArguments) {
     _setmode(_fileno(stdout), _O_BINARY);
-    std::setvbuf(stdout, nullptr, _IOFBF,
-                 4096); // whole lines; on a terminal the default is one byte at a time
+    // Whole lines, each flushed; on a terminal the default is one byte at a time.
+    std::setvbuf(stdout, nullptr, _IOFBF, 4096);
     std::vector<std::string> texts;
     for (int i = 0; i < count; ++i) {
         texts.push_back(Text_FromWide(wideArguments[i]));

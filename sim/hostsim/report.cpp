@@ -133,9 +133,9 @@ std::vector<Report_Finding> Report_Findings(const Report& report, const Host& ho
     for (const std::string& deviation : hypervisor.deviations) {
         find(true, Report_Exit::Deviation, deviation);
     }
-    find(
-        report.guestExit && Hypervisor_OpenChannels(hypervisor) != 0, Report_Exit::Deviation,
-        Str_Format("%u channels were left open", static_cast<unsigned>(Hypervisor_OpenChannels(hypervisor))));
+    auto leftOpen = static_cast<unsigned>(Hypervisor_OpenChannels(hypervisor));
+    find(report.guestExit && leftOpen != 0, Report_Exit::Deviation,
+         Str_Format("%u channels were left open", leftOpen));
     for (const Host_Problem& problem : host.problems) {
         find(true, ExitOf(problem.kind), problem.text);
     }
