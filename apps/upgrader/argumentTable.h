@@ -3,8 +3,8 @@
 
 #include <array>
 
-inline constexpr int ARGUMENT_TABLE_SIZE =
-    128; // the program, up to 126 arguments, and the null entry at the end
+// The program, up to 126 arguments, and the null entry at the end.
+inline constexpr int ARGUMENT_TABLE_SIZE = 128;
 inline constexpr int ARGUMENT_TABLE_MAX_ARGUMENTS = ARGUMENT_TABLE_SIZE - 2;
 
 struct ArgumentTable {

@@ -1,5 +1,6 @@
 #include "upgrader/upgrader.h"
 
+#include "err/err.h"
 #include "file/file.h"
 #include "hgfslib/hgfsServer.h"
 #include "hvPort/hvPort.h"
@@ -119,8 +120,20 @@ std::optional<std::string> CreateTemporaryDirectory(const std::string& parent) {
             return name;
         }
     }
+    const char* reason = Err_LastErrString();
     Warning("Could not create temporary directory.\n");
+    Log_Level(LOG_ALWAYS, "The last attempt was in [%s]: %s", parent.c_str(), reason);
     return std::nullopt;
+}
+
+// Sends one request. True when the host accepts it; `text` receives its reply, or why there is none.
+bool AskHost(const char* request, std::string* text) {
+    char* received = nullptr;
+    uint64_t length = 0;
+    bool accepted = RpcOut_SendRequest(&received, &length, "%s", request);
+    std::unique_ptr<char, FreeReply> reply(received);
+    *text = reply ? std::string(reply.get(), static_cast<size_t>(length)) : "no reply";
+    return accepted;
 }
 
 // Tells the host where to put its files. It agrees with an empty reply.
@@ -130,19 +143,26 @@ bool SendGreeting(const std::string& directory) {
         Warning("Unable to allocate string for RPC greeting.\n");
         return false;
     }
-    char* text = nullptr;
-    uint64_t length = 0;
-    bool sent = RpcOut_SendRequest(&text, &length, "%s", greeting.c_str());
-    std::unique_ptr<char, FreeReply> reply(text);
-    if (!sent) {
-        Warning("Failed to send RPC greeting to set temp directory.\n");
-        return false;
+    std::string reply;
+    bool accepted = AskHost(greeting.c_str(), &reply);
+    if (accepted && reply.empty()) {
+        return true;
     }
-    if (!reply || length != 0) {
-        Warning("RPC greeting failed: Host software version may not be compatible with the Upgrader.\n");
-        return false;
+    Warning("%s",
+            accepted ? "RPC greeting failed: Host software version may not be compatible with the Upgrader.\n"
+                     : "Failed to send RPC greeting to set temp directory.\n");
+    Log_Level(LOG_ALWAYS, "Reply to the greeting: [%s]", reply.c_str());
+    return false;
+}
+
+// Tells the host that it need not wait for the new tools.
+void SendEnd() {
+    Log_Level(LOG_DETAIL, "Telling the host that the installation did not succeed");
+    std::string reply;
+    if (!AskHost("toolinstall.end 0", &reply)) {
+        Warning("Failed to send RPC to end tool install.\n");
+        Log_Level(LOG_ALWAYS, "Reply to the end of the installation: [%s]", reply.c_str());
     }
-    return true;
 }
 
 bool ExtractImage(const std::string& imagePath, const std::string& directory) {
@@ -150,8 +170,8 @@ bool ExtractImage(const std::string& imagePath, const std::string& directory) {
     Iso9660_Result result = Iso9660_Open(imagePath.c_str(), ISO9660_WANT_JOLIET, 0, &image);
     if (result != Iso9660_Result::Success) {
         Debug("Error in Iso9660_Open\n");
-        Log_Level(LOG_ALWAYS, "Could not open the image [%s], result %d", imagePath.c_str(),
-                  static_cast<int>(result));
+        Log_Level(LOG_ALWAYS, "Could not open the image [%s], result %d%s", imagePath.c_str(),
+                  static_cast<int>(result), File_Exists(imagePath.c_str()) ? "" : ": there is no such file");
         return false;
     }
     Debug("Extracting %s to %s\n", imagePath.c_str(), directory.c_str());
@@ -185,8 +205,12 @@ void RemoveImage(const std::string& guestFileRoot) {
     Debug("Deleting %s... ", image.c_str());
     if (File_Unlink(image.c_str()) != -1) {
         Debug(" succeeded.\n");
-    } else {
-        Debug(" failed. Please finish the removal process manually.\n");
+        return;
+    }
+    const char* reason = Err_LastErrString();
+    Debug(" failed. Please finish the removal process manually.\n");
+    if (File_Exists(image.c_str())) {
+        Log_Level(LOG_ALWAYS, "Could not delete the image [%s]: %s", image.c_str(), reason);
     }
 }
 
@@ -297,6 +321,7 @@ bool UpgraderTurn(UpgraderData* data, uint64_t* sleep) {
     int32_t result = EventManager_RunNext(data->eventQueue, sleep);
     if (result != 1) {
         Debug("Unexpected end of the main loop (%d)\n", result);
+        Log_Level(LOG_ALWAYS, "The main loop ended before its time (%d)", static_cast<int>(result));
         return false;
     }
     if (data->stop) {
@@ -329,10 +354,7 @@ void UpgraderEnd(UpgraderData* data) {
     HgfsServer_UnregisterFromChannel(data->rpcIn, UPGRADER_APP_NAME);
     StopChannel(data);
     if (data->sendEnd) {
-        Log_Level(LOG_DETAIL, "Telling the host that the installation did not succeed");
-        if (!RpcOut_SendRequest(nullptr, nullptr, "%s", "toolinstall.end 0")) {
-            Warning("Failed to send RPC to end tool install.\n");
-        }
+        SendEnd();
     }
     delete data;
 
@@ -363,12 +385,16 @@ bool UpgraderTcloRun(const char** result, uint64_t* resultLength, const char* /*
             data->runArgumentsLength = argsSize;
         } catch (const std::bad_alloc&) {
             Debug("Error in UpgraderTcloRun\n");
+            Log_Level(LOG_ALWAYS, "Run: out of memory, nothing will be installed");
             return RpcIn_SetResult(result, resultLength, "", true);
         }
     }
     Log_Level(LOG_DETAIL, "Run [%s]", data->runArguments.value_or("").c_str());
     data->stepScheduled =
         EventManager_Add(data->eventQueue, UPGRADER_FIRST_STEP_DELAY, UpgraderInstallStep, data) != nullptr;
+    if (!data->stepScheduled) {
+        Log_Level(LOG_ALWAYS, "Run: nothing could be scheduled, nothing will be installed");
+    }
     return RpcIn_SetResult(result, resultLength, "", true);
 }
 

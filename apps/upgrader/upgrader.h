@@ -62,15 +62,15 @@ extern std::atomic<uint32_t> upgraderConsoleSignal;
 // The reboot prompt's timer fired and posted a quit message.
 extern bool upgraderRebootPromptQuit;
 
-// --- upgrader.cpp: platform-neutral
-// ---------------------------------------------------------------------------
+// --- upgrader.cpp: platform-neutral ---
 
 // The whole run. Returns the process's exit code: 0 once start-up succeeded, whatever the installer did; 1
 // when the machine check or start-up failed. arguments[0] is the program's own full path.
 uint32_t UpgraderMain(int argumentCount, char** arguments);
 
-UpgraderData* UpgraderInit(int argumentCount,
-                           char** arguments); // null on failure, which has then been logged
+// Options, channel, file server, temporary directory and greeting. Null on failure, which has then been
+// logged.
+UpgraderData* UpgraderInit(int argumentCount, char** arguments);
 bool UpgraderSetGuestFileRoot(UpgraderData* data);
 bool UpgraderExtractIso(UpgraderData* data);
 bool UpgraderInstallStep(void* data); // event-queue callback; false ends the loop
@@ -92,8 +92,7 @@ bool UpgraderTcloCancel(const char** result, uint64_t* resultLength, const char*
 bool UpgraderTcloReset(RpcInCall* call);
 void UpgraderRpcError(void* clientData, const char* text);
 
-// --- The platform's side
-// --------------------------------------------------------------------------------------
+// --- The platform's side ---
 
 void UpgraderUsage(const char* programPath);        // the usage box
 void UpgraderLoop(UpgraderData* data);              // runs the queue and waits for the installer

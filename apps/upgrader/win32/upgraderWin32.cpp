@@ -1,7 +1,7 @@
 // The Windows front: process entry, usage box, console handler, the one loop and the completion event.
 
+#include "upgrader/win32/upgraderWin32.h"
 #include "upgrader/argumentTable.h"
-#include "upgrader/upgrader.h"
 #include "upgrader/usageText.h"
 #include "upgrader/win32/resource.h"
 
@@ -30,6 +30,7 @@ constexpr int UNCAUGHT_LINE = 102;
 constexpr size_t LOADED_TEXT_UNITS = 1024; // most of one string resource
 constexpr uint64_t MICROSECONDS_PER_MILLISECOND = 1000;
 constexpr uint32_t SIGNAL_NONE = 0;
+constexpr size_t LONGEST_PATH = 32768; // UTF-16 units, the system's own limit
 
 // Nothing in the program throws but the allocator, where no other outcome is documented.
 [[noreturn]] void OnUncaught() {
@@ -89,7 +90,10 @@ bool TurnAndWait(UpgraderData* data) {
         return true;
     }
     if (ProcMgr_GetExitCode(installer, &data->installerExitCode) != 0) {
+        DWORD error = GetLastError();
         Debug("Error getting exit code from process\n");
+        Log_Level(LOG_ALWAYS, "Could not get the installer's exit code, error %u",
+                  static_cast<unsigned>(error));
         return false;
     }
     data->installerProcess.reset();
@@ -108,31 +112,36 @@ void SignalCompletion() {
     SetEvent(event.Get());
 }
 
-// The module's full path as Windows gives it; empty on failure, with the reason in *error.
-std::wstring ModulePath(HINSTANCE instance, size_t units, DWORD* error) {
-    std::wstring path(units, L'\0');
-    DWORD length = GetModuleFileNameW(instance, path.data(), static_cast<DWORD>(path.size()));
-    *error = GetLastError();
-    if (length == path.size()) {
-        *error = ERROR_INSUFFICIENT_BUFFER; // cut; old systems do not say so
-        length = 0;
+uint32_t RunUpgrader(std::optional<std::string> commandLine, std::string* programPath) {
+    if (!commandLine) {
+        Warning("The command line is no valid UTF-16; nothing was done.\n");
+        return 1;
     }
-    path.resize(length);
-    return path;
-}
-
-uint32_t RunUpgrader(std::string* commandLine, std::string* programPath) {
     ArgumentTable table;
     if (!ArgumentTable_Split(commandLine->data(), programPath->data(), &table)) {
         Warning("The command line holds more than %d arguments; nothing was done.\n",
                 ARGUMENT_TABLE_MAX_ARGUMENTS);
-        Log_Level(LOG_ALWAYS, "The command line holds more than %d arguments", ARGUMENT_TABLE_MAX_ARGUMENTS);
         return 1;
     }
     return UpgraderMain(table.count, table.arguments.data());
 }
 
 } // namespace
+
+std::optional<std::string> UpgraderOwnPath(DWORD* error) {
+    std::wstring path(LONGEST_PATH, L'\0');
+    DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    *error = GetLastError();
+    if (length == 0) {
+        return std::nullopt;
+    }
+    path.resize(length);
+    std::optional<std::string> converted = Unicode_FromWide(path);
+    if (!converted) {
+        *error = ERROR_NO_UNICODE_TRANSLATION;
+    }
+    return converted;
+}
 
 void UpgraderUsage(const char* programPath) {
     UsageTexts texts;
@@ -183,25 +192,24 @@ uint32_t UpgraderRandom() {
     return random;
 }
 
-int WINAPI wWinMain(HINSTANCE instance, HINSTANCE /*previous*/, PWSTR wideCommandLine, int /*show*/) {
-    constexpr size_t longestPath = 32768;
+int WINAPI wWinMain(HINSTANCE /*instance*/, HINSTANCE /*previous*/, PWSTR wideCommandLine, int /*show*/) {
     std::set_terminate(OnUncaught);
     Unicode_Startup(nullptr);
-    std::string commandLine = Unicode_FromWide(wideCommandLine).value_or("");
-
+    std::optional<std::string> commandLine = Unicode_FromWide(wideCommandLine);
     DWORD error = 0;
+    std::optional<std::string> programPath = UpgraderOwnPath(&error);
+
     Log_Begin("Upgrader");
-    Log_Level(LOG_DETAIL, "Upgrader [%s]",
-              Unicode_FromWide(ModulePath(instance, MAX_PATH, &error)).value_or("").c_str());
-    Log_Level(LOG_DETAIL, "Upgrader cmdLine [%s]", commandLine.c_str());
+    Log_Level(LOG_DETAIL, "Upgrader [%s]", programPath.value_or("").c_str());
+    Log_Level(LOG_DETAIL, "Upgrader cmdLine [%s]", commandLine.value_or("").c_str());
 
     CoreDump_SetUnhandledExceptionFilter();
 
-    auto programPath = Unicode_FromWide(ModulePath(nullptr, longestPath, &error));
-    if (!programPath || programPath->empty()) {
+    if (!programPath) {
+        Log_Level(LOG_ALWAYS, "No path of the program itself, error %u", static_cast<unsigned>(error));
         return static_cast<int>(error);
     }
-    uint32_t exitCode = RunUpgrader(&commandLine, &*programPath);
+    uint32_t exitCode = RunUpgrader(std::move(commandLine), &*programPath);
     SignalCompletion();
     Log_Level(LOG_DETAIL, "Upgrader returning [%d]\n", static_cast<int>(exitCode));
     Log_End();

@@ -1,7 +1,8 @@
-#include "upgraderWin32Install.h"
+// Starting the installer and what follows its end.
 
-#include "resource.h"
 #include "upgrader/installer.h"
+#include "upgrader/win32/resource.h"
+#include "upgrader/win32/upgraderWin32.h"
 
 #include "file/file.h"
 #include "file/fileIO.h"
@@ -27,6 +28,15 @@ constexpr UINT PROMPT_STYLE = MB_YESNO | MB_ICONQUESTION;
 constexpr DWORD ANSWER_TIMEOUT = 32000; // of WTSSendMessageW: nobody answered in time
 
 enum class RebootAnswer { Yes, No, Silence, NotAsked };
+
+// The way to the person at the console for a program that runs in a session of its own, as services do.
+// Either member is null where the system has no such call.
+struct ConsoleSession {
+    DWORD(WINAPI* activeSession)() = nullptr;
+    BOOL(WINAPI* sendMessage)
+    (HANDLE server, DWORD session, wchar_t* title, DWORD titleBytes, wchar_t* message, DWORD messageBytes,
+     DWORD style, DWORD seconds, DWORD* answer, BOOL wait) = nullptr;
+};
 
 struct RebootPrompt {
     std::wstring message;
@@ -55,8 +65,7 @@ bool IsSetupLauncher(const std::string& path) {
 
 std::string ImageDirectory(const UpgraderData* data) {
     std::string directory;
-    std::string base;
-    File_GetPathName(data->guestFileRoot.value_or(""), &directory, &base);
+    File_GetPathName(data->guestFileRoot.value_or(""), &directory, nullptr);
     return directory;
 }
 
@@ -94,7 +103,7 @@ Module LoadSystemLibrary(const wchar_t* name) {
     return Module(LoadLibraryW((std::wstring(directory, length) + L"\\" + name).c_str()));
 }
 
-RebootAnswer AskConsoleSession(const UpgraderConsoleSession& console, RebootPrompt prompt) {
+RebootAnswer AskConsoleSession(const ConsoleSession& console, RebootPrompt prompt) {
     HANDLE thisServer = nullptr;
     DWORD answer = 0;
     DWORD session = console.activeSession();
@@ -159,6 +168,23 @@ const char* DescribeAnswer(RebootAnswer answer) {
     return "could not be asked, taken as no";
 }
 
+// Asks whoever sits at the guest whether to reboot now; true for yes. The question goes to the console
+// session, or to our own desktop if there is no way there. Nobody's answer within the time is a yes, a
+// question that could not be shown is a no; the installer log tells which.
+bool AskForReboot() {
+    RebootPrompt prompt{LoadText(IDS_REBOOT_MESSAGE), LoadText(IDS_REBOOT_TITLE)};
+    ConsoleSession console;
+    console.activeSession = Win32_GetProc<decltype(console.activeSession)>(GetModuleHandleW(L"kernel32.dll"),
+                                                                           "WTSGetActiveConsoleSessionId");
+    Module wts = console.activeSession ? LoadSystemLibrary(L"wtsapi32.dll") : Module();
+    if (wts) {
+        console.sendMessage = Win32_GetProc<decltype(console.sendMessage)>(wts.Get(), "WTSSendMessageW");
+    }
+    RebootAnswer answer = console.sendMessage ? AskConsoleSession(console, prompt) : AskHere(prompt);
+    Log_Level(LOG_DETAIL, "Reboot now: %s", DescribeAnswer(answer));
+    return answer == RebootAnswer::Yes || answer == RebootAnswer::Silence;
+}
+
 } // namespace
 
 std::optional<std::string> UpgraderGetInstallerCmdLine(UpgraderData* data, const std::string& installerPath) {
@@ -203,25 +229,6 @@ bool UpgraderLaunchInstaller(UpgraderData* data) {
     return true;
 }
 
-bool UpgraderAskForRebootOn(const UpgraderConsoleSession& console) {
-    RebootPrompt prompt{LoadText(IDS_REBOOT_MESSAGE), LoadText(IDS_REBOOT_TITLE)};
-    bool onConsole = console.activeSession && console.sendMessage;
-    RebootAnswer answer = onConsole ? AskConsoleSession(console, prompt) : AskHere(prompt);
-    Log_Level(LOG_DETAIL, "Reboot now: %s", DescribeAnswer(answer));
-    return answer == RebootAnswer::Yes || answer == RebootAnswer::Silence;
-}
-
-bool UpgraderAskForReboot() {
-    UpgraderConsoleSession console;
-    console.activeSession = Win32_GetProc<decltype(console.activeSession)>(GetModuleHandleW(L"kernel32.dll"),
-                                                                           "WTSGetActiveConsoleSessionId");
-    Module wts = console.activeSession ? LoadSystemLibrary(L"wtsapi32.dll") : Module();
-    if (wts) {
-        console.sendMessage = Win32_GetProc<decltype(console.sendMessage)>(wts.Get(), "WTSSendMessageW");
-    }
-    return UpgraderAskForRebootOn(console);
-}
-
 bool UpgraderInstallerFinished(UpgraderData* data) {
     Debug("Setup process returned %d\n", static_cast<int>(data->installerExitCode));
     Log_Level(LOG_DETAIL, "Setup returned [%d]", static_cast<int>(data->installerExitCode));
@@ -232,9 +239,12 @@ bool UpgraderInstallerFinished(UpgraderData* data) {
     }
     if (verdict.askForReboot) {
         Debug("Reboot is required to complete tools install...\n");
-        if (UpgraderAskForReboot()) {
+        if (AskForReboot()) {
             data->reboot = true;
         }
+    } else if (data->installerExitCode == UPGRADER_EXIT_REBOOT_REQUIRED) {
+        Log_Level(LOG_DETAIL, "A reboot is required; nobody is asked, because %s",
+                  data->shutdown ? "the guest shuts down" : "the installer was told not to restart");
     }
     data->stop = true;
     return true;

@@ -2,6 +2,7 @@
 #include "string/str.h"
 #include "upgrader/win32/utilSystem.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -79,7 +80,7 @@ std::optional<std::vector<std::string>> ExpandChunks(const std::vector<std::stri
     return texts;
 }
 
-std::optional<std::string> Join(const std::vector<std::string>& texts) {
+std::string Join(const std::vector<std::string>& texts) {
     size_t length = 0;
     for (const std::string& text : texts) {
         length += text.size();
@@ -123,7 +124,7 @@ std::optional<std::string> Util_ExpandString(const char* fileName) {
             return std::nullopt;
         }
         const std::optional<std::vector<std::string>> texts = ExpandChunks(chunks, fileName);
-        return texts ? Join(*texts) : std::nullopt;
+        return texts ? std::optional(Join(*texts)) : std::nullopt;
     } catch (const std::bad_alloc&) {
         Msg_Append("@&!*@*@(msg.util.expandStringNoMemForResult)Cannot allocate memory for the expansion of "
                    "\"%s\".\n",

@@ -14,7 +14,6 @@ void Msg_Append(const char* format, ...) DIAG_PRINTF(1, 2);
 // A copy of the name with each "$NAME" replaced: by the environment variable, which Windows finds without
 // regard to case and which may be empty; else, for "PID", by the process id in decimal; else, for "USER", by
 // the name of the logged-on user, or "unknown". Any other name is left as it stands, with a warning, cut to
-// 100 bytes with its
-// "$". None after more than 100 chunks (a reference, or the text between two) or when memory runs out, which
-// has then been reported. A null name gives none. Main thread only.
+// 100 bytes with its "$". None after more than 100 chunks (a reference, or the text between two) or when
+// memory runs out, which has then been reported. A null name gives none. Main thread only.
 std::optional<std::string> Util_ExpandString(const char* fileName);
