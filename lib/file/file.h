@@ -4,9 +4,9 @@
 // FileMapWin32Error gives: 0 success, 2 no such file, 5 I/O error, 9 bad descriptor, 12 out of memory,
 // 13 permission denied, 14 bad address, 16 busy, 17 exists, 20 not a directory, 22 invalid argument,
 // 24 too many open files, 28 no space, 30 read-only, 38 name too long, 40 not supported, 41 directory not
-// empty. Every failure leaves the Windows error in the thread's last-error slot. Any thread. A null name
-// counts as a missing argument (Windows error 487, code 14), never as the empty name; a name that is no valid
-// UTF-8 is an invalid name (123, code 22).
+// empty. Every failure leaves the Windows error in the thread's last-error slot. Any thread, though what is
+// reported goes to the log, which has no lock. A null name counts as a missing argument (Windows error 487,
+// code 14), never as the empty name; a name that is no valid UTF-8 is an invalid name (123, code 22).
 //
 // Operations with a budget try again while the system answers a sharing violation (32) or a denial (5), as it
 // does while a virus scanner looks at a file. They pause 10 to 99 ms between attempts until the pauses asked
@@ -66,11 +66,9 @@ bool File_EnsureDirectory(const char* name); // anything that already exists und
 
 // Splitting of names: pure text, no file system. The volume is "C:" or a UNC head "\\server\share"; the
 // directory keeps its separators at both ends; a base that would begin inside the volume is empty ("C:x":
-// "C:", "", "").
-// "\\server" alone is all base. Outs are optional.
+// "C:", "", ""). "\\server" alone is all base. Outs are optional.
 void File_SplitName(const std::string& name, std::string* volume, std::string* directory, std::string* base);
-// The path is volume and directory without any trailing separator: that of "C:\x" is "C:", that of "\x" is
-// "".
+// The path is volume and directory without any trailing separator: "C:" for "C:\x", "" for "\x".
 void File_GetPathName(const std::string& name, std::string* path, std::string* base);
 // The name without trailing separators; a directory part that is nothing else keeps one.
 std::string File_StripSlashes(const std::string& name);

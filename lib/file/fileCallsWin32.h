@@ -1,5 +1,5 @@
-// Every system call of this library, as a table that a test replaces entry by entry to make a call fail, to
-// count it or to let time pass without waiting. Internal.
+// The system calls that decide what this library answers, as a table that a test replaces entry by entry to
+// make a call fail, to count it or to let time pass without waiting. Internal.
 #pragma once
 
 #include <cstdint>

@@ -19,8 +19,8 @@ struct FileLock_Token {
 
 namespace {
 
-constexpr uint32_t BUDGET_MS =
-    2000; // for every file operation of the protocol, against scanners and indexers
+// For every file operation of the protocol, against scanners and indexers.
+constexpr uint32_t BUDGET_MS = 2000;
 
 // Somebody who holds our number has to go before it can be had; so many draws in a row mean that something
 // else is wrong with the directory.
@@ -68,6 +68,10 @@ bool FileLockValidOwner(const LockValues& member) {
         }
     }
     return HardProcessValidation(*processId, creationTime.has_value(), creationTime.value_or(0));
+}
+
+void ReportRemoval(const char* operation, const std::string& entryDirectory, int error) {
+    Warning("FILE: %s removal of '%s' failed: %s\n", operation, entryDirectory.c_str(), strerror(error));
 }
 
 int RemoveLockingFile(const std::string& directory, const std::string& name) {
@@ -182,8 +186,8 @@ int ScanMember(const Scan& scan, const std::string& name) {
     return scan.callback(scan.directory, member, scan.own);
 }
 
-// First pass over the names: removes what does not belong there, notes who is in the doorway, and leaves the
-// rest.
+// First pass over the names: removes what does not belong there, notes who is in the doorway, and leaves only
+// the files of lockers.
 int ScanNames(const Scan& scan, std::vector<std::string>* names) {
     for (const std::string& name : *names) {
         if (!FileLockIsEntryName(name)) {
@@ -202,16 +206,25 @@ int ScanNames(const Scan& scan, std::vector<std::string>* names) {
     return 0;
 }
 
-// With anybody in the doorway, the members are not looked at: the caller has to come again.
-int ScanDirectory(const Scan& scan) {
-    std::vector<std::string> names;
-    if (FileListDirectoryRetry(scan.directory.c_str(), BUDGET_MS, &names) < 0) {
+int ListNames(const Scan& scan, std::vector<std::string>* names) {
+    if (FileListDirectoryRetry(scan.directory.c_str(), BUDGET_MS, names) < 0) {
         int systemError = FileLockLastError();
         Log_Level(LOG_ALWAYS, "FILE: %s: Could not read the directory '%s': %d\n", "ScanDirectory",
                   scan.directory.c_str(), systemError);
         return FILE_EDOM;
     }
-    int error = ScanNames(scan, &names);
+    return ScanNames(scan, names);
+}
+
+// With anybody in the doorway, the members are not looked at: the caller has to come again.
+int ScanDirectory(const Scan& scan) {
+    std::vector<std::string> names;
+    int error = ListNames(scan, &names);
+    if (error == 0 && scan.cleanUp && scan.own->doorway.empty()) {
+        // A listing need not show one moment: somebody who stepped out of the doorway meanwhile may be
+        // missing in both places. Whoever was on the way then is a member by now.
+        error = ListNames(scan, &names);
+    }
     if (error != 0 || !scan.own->doorway.empty()) {
         return error;
     }
@@ -225,31 +238,40 @@ int ScanDirectory(const Scan& scan) {
 }
 
 // Clears up behind a locker that died in the doorway: what it may have written goes before its directory, so
-// that nobody passes the doorway and still meets its member.
-void DiscardLocker(const std::string& directory, const std::string& dirName) {
+// that nobody passes the doorway and still meets its member. What cannot be removed (it is no empty
+// directory) would keep everybody waiting for ever, and ends the scan.
+int DiscardLocker(const std::string& directory, const std::string& dirName) {
     std::string path = InDirectory(directory, dirName);
     Log_Level(LOG_ALWAYS, "FILE: %s discarding %s data from '%s'.\n", "Scanner", dirName.c_str(),
               directory.c_str());
     FileDeletionRetry(FileLockSibling(path, 'M').c_str(), false, BUDGET_MS);
     FileDeletionRetry(FileLockSibling(path, 'E').c_str(), false, BUDGET_MS);
-    FileRemoveDirectoryRetry(path.c_str(), BUDGET_MS);
+    int error = FileRemoveDirectoryRetry(path.c_str(), BUDGET_MS);
+    if (error == FILE_ENOENT) {
+        error = 0;
+    }
+    if (error != 0) {
+        ReportRemoval("Scanner", path, error);
+    }
+    return error;
 }
 
 // Scans until it has met an empty doorway and then seen every member, or failed.
 int Scanner(const Scan& scan) {
     std::vector<ActiveLocker>* doorway = &scan.own->doorway;
     doorway->clear();
-    for (;;) {
-        int error = ScanDirectory(scan);
-        if (error != 0 || doorway->empty()) {
-            doorway->clear();
-            return error;
-        }
+    int error = ScanDirectory(scan);
+    while (error == 0 && !doorway->empty()) {
         for (const std::string& dead : FileLockAgeDoorway(doorway)) {
-            DiscardLocker(scan.directory, dead);
+            error = DiscardLocker(scan.directory, dead);
+            if (error != 0) {
+                return error;
+            }
         }
         FileLockSleep(FILELOCK_DOORWAY_PAUSE_MS);
+        error = ScanDirectory(scan);
     }
+    return error;
 }
 
 int RaiseTicket(const std::string& /*directory*/, const LockValues& member, LockValues* own) {
@@ -366,9 +388,8 @@ int CreateEntryDirectory(const std::string& directory, EntryNames* names) {
             }
             FileRemoveDirectoryRetry(names->directory.c_str(), BUDGET_MS);
             error = FILE_EEXIST;
-        } else if (error != FILE_EEXIST &&
-                   error != FILE_ENOENT) { // the last locker may just have removed it all
-            break;
+        } else if (error != FILE_EEXIST && error != FILE_ENOENT) {
+            break; // the number is not taken, nor has the last locker just removed the whole directory
         }
     }
     Warning("FILE: %s creation failure on '%s': %s\n", "CreateEntryDirectory", names->directory.c_str(),
@@ -425,8 +446,7 @@ int TakeTicket(const std::string& directory, LockValues* own) {
 // member does not protect it, and it has to withdraw.
 int CheckDoorwayLeft(const std::string& entryDirectory, int removalError) {
     if (removalError != 0) {
-        Warning("FILE: %s removal of '%s' failed: %s\n", "FileLockIntrinsic", entryDirectory.c_str(),
-                strerror(removalError));
+        ReportRemoval("FileLockIntrinsic", entryDirectory, removalError);
     }
     return removalError == FILE_ENOENT ? FILE_EAGAIN : removalError;
 }

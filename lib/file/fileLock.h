@@ -9,13 +9,11 @@
 // waited out.
 //
 // What the exclusion rests on:
-// - Making a directory and renaming a file are atomic, and a listing is either a snapshot or in the order of
-// names
-//   (doorways sort before members), as on NTFS.
-// - Nobody stays in the doorway for longer than 8 seconds. One who does is taken for dead.
-// - A number is not drawn again within the moments in which others still wait for, or clean up behind, its
-// last
-//   holder. One that is may cost a waiter its whole waiting time.
+//
+// Making a directory and renaming a file are atomic, and a listing shows what is there from its beginning to
+// its end. Nobody stays in the doorway for longer than 8 seconds; one who does is taken for dead. A number is
+// not drawn again within the moments in which others still wait for, or clean up behind, its last holder; one
+// that is may cost a waiter its whole waiting time.
 //
 // Any thread; the locks belong to the process, and a thread that holds an exclusive one must not ask again.
 #pragma once

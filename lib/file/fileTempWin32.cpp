@@ -56,18 +56,20 @@ constexpr int MAX_SECURITY_READS = 16;
 
 using SecurityBuffer = std::unique_ptr<uint8_t[]>;
 
-bool FileReadSecurity(const std::wstring& directory, SecurityBuffer* buffer) {
+bool FileReadSecurity(const char* directory, const std::wstring& wide, SecurityBuffer* buffer) {
     DWORD size = 0;
     for (int reads = 1;; reads++) {
         DWORD needed = 0;
-        if (fileWin32Calls.getFileSecurity(directory.c_str(), WHO_AND_WHAT, buffer->get(), size, &needed)) {
+        if (fileWin32Calls.getFileSecurity(wide.c_str(), WHO_AND_WHAT, buffer->get(), size, &needed)) {
             return true;
         }
         DWORD error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER || reads == MAX_SECURITY_READS) {
-            Warning("FILE: %s: Cannot get the directory's security descriptor.Directory is \"%S\", error is "
+            // The name as it came: the formatter would give the whole message up for a wide character that
+            // the C locale lacks.
+            Warning("FILE: %s: Cannot get the directory's security descriptor.Directory is \"%s\", error is "
                     "%d.\n",
-                    "FileIsWritableDir", directory.c_str(), static_cast<int>(error));
+                    "FileIsWritableDir", directory, static_cast<int>(error));
             return false;
         }
         size = needed;
@@ -171,7 +173,7 @@ bool FileIsWritableDir(const char* directory) {
         return outcome == TokenOutcome::NoSecurity;
     }
     SecurityBuffer security;
-    if (!FileReadSecurity(wide, &security)) {
+    if (!FileReadSecurity(directory, wide, &security)) {
         return false;
     }
     return FileHasNoOwnerOrGroup(security.get()) || FileGrantsWriting(security.get(), token.Get());

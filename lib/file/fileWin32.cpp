@@ -138,9 +138,11 @@ uint32_t FileRandomSleep(uint32_t minMs, uint32_t maxMs) {
 
 std::optional<std::string> File_FullPath(const char* name) {
     std::wstring wide;
-    if (name == nullptr || FileWideName(name, &wide) == ERROR_SUCCESS) {
+    uint32_t error = name == nullptr ? ERROR_SUCCESS : FileWideName(name, &wide);
+    if (error == ERROR_SUCCESS) {
         std::unique_ptr<wchar_t, FreeDeleter> full(
             _wfullpath(nullptr, name == nullptr ? nullptr : wide.c_str(), 0));
+        error = full == nullptr ? GetLastError() : ERROR_INVALID_NAME;
         if (full != nullptr) {
             if (std::optional<std::string> result = Unicode_FromWide(full.get())) {
                 return result;
@@ -148,7 +150,8 @@ std::optional<std::string> File_FullPath(const char* name) {
         }
     }
     Warning("FILE: %s:  _wfullpath failed on (%s): %d\n", "File_FullPath", name == nullptr ? "" : name,
-            static_cast<int>(GetLastError()));
+            static_cast<int>(error));
+    SetLastError(error);
     return std::nullopt;
 }
 

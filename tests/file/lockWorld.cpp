@@ -1,12 +1,8 @@
 #include "lockWorld.h"
 
-#include "file/file.h"
-#include "file/fileLockEdge.h"
 #include "file/fileLockMember.h"
-#include "file/fileRules.h"
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 namespace {
@@ -17,62 +13,22 @@ constexpr uint64_t STUCK_MS = 10 * 60 * 1000; // of the world's own time
 thread_local LockWorld* currentWorld;
 thread_local int currentLocker;
 
-uint64_t CreationTimeOf(int32_t processId) {
-    return 1000000 + static_cast<uint64_t>(processId);
-}
-
 } // namespace
 
-struct LockWorld::Locker {
-    int index;
-    Work work;
-    std::thread thread;
-    std::binary_semaphore turn{0};
-    uint64_t wakeAtMs = 0;
-    uint32_t steps = 0;
-    uint32_t dieAt = UINT32_MAX;
-    uint32_t failAt = UINT32_MAX;
-    int failWith = 0;
-    uint32_t stallAt = UINT32_MAX;
-    uint32_t stallMs = 0;
-    bool ended = false;  // its work
-    bool exited = false; // its process, with all the others of a run
-    bool died = false;
-};
+LockWorld::LockWorld(uint32_t seed)
+    : random_(seed), listing_(static_cast<Listing>(seed % 3)),
+      stickiness_(static_cast<uint32_t>(random_() % 3 * 4)) {}
 
-LockWorld::LockWorld(uint32_t seed, Listing listing)
-    : random_(seed), listing_(listing), stickiness_(seed % 3 * 4) {}
-
-LockWorld::~LockWorld() = default;
-
-int LockWorld::AddLocker(Work work) {
-    auto locker = std::make_unique<Locker>();
-    locker->index = static_cast<int>(lockers_.size());
-    locker->work = std::move(work);
-    lockers_.push_back(std::move(locker));
-    return lockers_.back()->index;
+LockWorld::Locker& LockWorld::AddLocker(std::function<void()> work) {
+    lockers_.push_back(std::make_unique<Locker>());
+    Locker& locker = *lockers_.back();
+    locker.index = static_cast<int>(lockers_.size()) - 1;
+    locker.work = std::move(work);
+    return locker;
 }
 
-void LockWorld::DieAtStep(int locker, uint32_t step) {
-    lockers_[static_cast<size_t>(locker)]->dieAt = step;
-}
-
-void LockWorld::FailAtStep(int locker, uint32_t step, int error) {
-    lockers_[static_cast<size_t>(locker)]->failAt = step;
-    lockers_[static_cast<size_t>(locker)]->failWith = error;
-}
-
-uint32_t LockWorld::StepsOf(int locker) const {
-    return lockers_[static_cast<size_t>(locker)]->steps;
-}
-
-void LockWorld::StallAtStep(int locker, uint32_t step, uint32_t milliseconds) {
-    lockers_[static_cast<size_t>(locker)]->stallAt = step;
-    lockers_[static_cast<size_t>(locker)]->stallMs = milliseconds;
-}
-
-bool LockWorld::Died(int locker) const {
-    return lockers_[static_cast<size_t>(locker)]->died;
+LockWorld::Locker& LockWorld::Self() const {
+    return *lockers_[static_cast<size_t>(currentLocker)];
 }
 
 LockWorld* LockWorld::Current() {
@@ -91,14 +47,13 @@ void LockWorld::RunLocker(Locker* locker) {
         locker->work();
     } catch (const Ended&) {
         locker->died = true;
-        std::erase_if(holders_, [&](const Holder& holder) { return holder.locker == locker->index; });
+        Leave(locker->index);
     }
     locker->ended = true;
     turnEnded_.release();
 }
 
 LockWorld::Locker* LockWorld::PickNext() {
-    std::vector<Locker*> ready;
     uint64_t earliestMs = UINT64_MAX;
     for (const auto& locker : lockers_) {
         if (!locker->ended) {
@@ -109,6 +64,7 @@ LockWorld::Locker* LockWorld::PickNext() {
         return nullptr;
     }
     nowMs_ = std::max(nowMs_, earliestMs);
+    std::vector<Locker*> ready;
     for (const auto& locker : lockers_) {
         if (!locker->ended && locker->wakeAtMs <= nowMs_) {
             ready.push_back(locker.get());
@@ -143,21 +99,21 @@ void LockWorld::RunAll() {
 }
 
 int LockWorld::Step() {
-    Locker* self = lockers_[static_cast<size_t>(currentLocker)].get();
-    if (self->steps == self->stallAt) {
-        self->wakeAtMs = std::max(self->wakeAtMs, nowMs_ + self->stallMs);
+    Locker& self = Self();
+    if (self.steps == self.stallAt) {
+        self.wakeAtMs = std::max(self.wakeAtMs, nowMs_ + self.stallMs);
     }
     turnEnded_.release();
-    self->turn.acquire();
-    uint32_t step = self->steps++;
-    if (step == self->dieAt || ending_) {
+    self.turn.acquire();
+    uint32_t step = self.steps++;
+    if (step == self.dieAt || ending_) {
         throw Ended();
     }
-    return step == self->failAt ? self->failWith : 0;
+    return step == self.failAt ? self.failWith : 0;
 }
 
 void LockWorld::Sleep(uint32_t milliseconds) {
-    lockers_[static_cast<size_t>(currentLocker)]->wakeAtMs = nowMs_ + milliseconds;
+    Self().wakeAtMs = nowMs_ + milliseconds;
     Step();
 }
 
@@ -167,7 +123,8 @@ bool LockWorld::IsAlive(int32_t processId, bool checkTime, uint64_t creationTime
         return false;
     }
     const Locker& locker = *lockers_[static_cast<size_t>(index)];
-    return !locker.died && !locker.exited && (!checkTime || creationTime == CreationTimeOf(processId));
+    return !locker.died && !locker.exited &&
+           (!checkTime || creationTime == 1000000 + static_cast<uint64_t>(processId));
 }
 
 uint32_t LockWorld::DrawNumber() {
@@ -186,32 +143,30 @@ std::vector<std::string> LockWorld::Names(const std::string& directory) const {
 
 // Whoever comes before us and conflicts must not be waiting still.
 void LockWorld::CheckOvertaking(bool exclusive) {
-    std::map<int32_t, LockValues> members;
+    std::map<int32_t, LockValues> members; // of living processes
     for (const std::string& name : Names(WORLD_DIRECTORY)) {
         if (name[0] != 'M') {
             continue;
         }
         auto member =
             FileLockParseMember(FileLockSplitMember(*files[WORLD_DIRECTORY + ("\\" + name)].content));
-        std::optional<int32_t> processId =
-            member ? FileLockParseSigned(member->executionID) : std::optional<int32_t>();
-        if (processId && IsAlive(*processId, false, 0)) {
+        int32_t processId = member ? FileLockParseSigned(member->executionID).value_or(0) : 0;
+        if (IsAlive(processId, false, 0)) {
             member->memberName = name;
-            members[*processId] = *member;
+            members[processId] = *member;
         }
     }
     auto own = members.find(CurrentProcessId());
     if (own == members.end()) {
         return; // an implicit lock
     }
-    for (const auto& entry : members) {
-        int32_t processId = entry.first;
-        const LockValues& member = entry.second;
-        bool holds = std::ranges::any_of(
-            holders_, [&](const Holder& holder) { return holder.locker == processId - FIRST_PROCESS_ID; });
-        if (processId != own->first && !holds && FileLockMustWait(own->second, member)) {
+    for (const Holder& holder : holders_) {
+        members.erase(FIRST_PROCESS_ID + holder.locker);
+    }
+    for (const auto& member : members) {
+        if (member.first != own->first && FileLockMustWait(own->second, member.second)) {
             violations_.push_back((exclusive ? "an exclusive" : "a shared") +
-                                  std::string(" lock overtakes ") + member.memberName);
+                                  std::string(" lock overtakes ") + member.second.memberName);
         }
     }
 }
@@ -227,12 +182,8 @@ void LockWorld::Enter(bool exclusive) {
     holders_.push_back({currentLocker, exclusive});
 }
 
-void LockWorld::ExitProcess() {
-    lockers_[static_cast<size_t>(currentLocker)]->exited = true;
-}
-
-void LockWorld::Leave() {
-    std::erase_if(holders_, [](const Holder& holder) { return holder.locker == currentLocker; });
+void LockWorld::Leave(int locker) {
+    std::erase_if(holders_, [locker](const Holder& holder) { return holder.locker == locker; });
 }
 
 bool LockWorld::LockOnce(bool exclusive, uint32_t maxWaitMs, int* error) {
@@ -254,7 +205,7 @@ bool LockWorld::LockOnce(bool exclusive, uint32_t maxWaitMs, int* error) {
     for (uint32_t stay = static_cast<uint32_t>(random_() % 4); stay > 0; stay--) {
         random_() % 2 == 0 ? Sleep(50) : static_cast<void>(Step());
     }
-    Leave();
+    Leave(currentLocker);
     *error = FileLock_Unlock(WORLD_FILE, std::exchange(owner.token, nullptr));
     return true;
 }

@@ -2,8 +2,6 @@
 // passes only when everybody sleeps, and lockers of which exactly one makes one step at a time, in an order
 // that a seed decides. The protocol runs unchanged; this stands in for the file operations and the system
 // behind it.
-//
-// A locker may die at its n-th step, as a process does, and may meet an error at its n-th step.
 #pragma once
 
 #include "file/fileLock.h"
@@ -12,44 +10,61 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <random>
 #include <semaphore>
 #include <string>
+#include <thread>
 #include <vector>
 
+inline constexpr char WORLD_FILE[] = "C:\\f";
+inline constexpr char WORLD_DIRECTORY[] = "C:\\f.lck";
+
+// How a directory is listed.
 enum class Listing {
-    Snapshot, // all names of one moment
-    Ordered,  // name after name, in their order, while the directory changes
+    Snapshot,  // all names of one moment
+    Reversed,  // name after name while the directory changes, members before doorways
+    Vanishing, // the names of one moment, less those that are gone when each is looked at
 };
 
 class LockWorld {
 public:
-    explicit LockWorld(uint32_t seed, Listing listing = Listing::Snapshot);
-    ~LockWorld();
+    // The listing is one of the three by the seed, too.
+    explicit LockWorld(uint32_t seed);
     LockWorld(const LockWorld&) = delete;
     LockWorld& operator=(const LockWorld&) = delete;
 
-    // What a locker does, from its own process; returns when it ends.
-    using Work = std::function<void()>;
-    int AddLocker(Work work); // gives its index
-    void DieAtStep(int locker, uint32_t step);
-    void FailAtStep(int locker, uint32_t step, int error);              // an errno-style code
-    void StallAtStep(int locker, uint32_t step, uint32_t milliseconds); // before it is made
-    void RunAll();                                                      // until everybody has ended or died
+    static constexpr uint32_t NEVER = UINT32_MAX;
+
+    struct Locker {
+        int index;
+        std::function<void()> work; // what it does, in a process of its own
+        uint32_t dieAt = NEVER;     // the step at which it ends, as a process does
+        uint32_t failAt = NEVER;    // the step at which it meets an errno-style code
+        int failWith = 0;
+        uint32_t stallAt = NEVER; // the step before which it is held up
+        uint32_t stallMs = 0;
+        uint32_t steps = 0; // made so far
+        bool died = false;
+
+        bool ended = false;  // its work
+        bool exited = false; // its process, with all the others of a run
+        uint64_t wakeAtMs = 0;
+        std::binary_semaphore turn{0};
+        std::thread thread;
+    };
+    Locker& AddLocker(std::function<void()> work);
+    void RunAll(); // until everybody has ended or died
 
     // For the lockers' work: takes and gives back the lock, with a stay of some steps in between, and checks
     // that the others keep out meanwhile. False when the lock could not be had; `error` then tells why.
     bool LockOnce(bool exclusive, uint32_t maxWaitMs, int* error);
 
     // For the work: its process is gone from now on. Otherwise the processes of a run live until it ends.
-    void ExitProcess();
+    void ExitProcess() { Self().exited = true; }
 
     // Numbers are drawn from 0 to one below this; the default gives every draw a number of its own.
     void LimitNumbers(uint32_t count) { numberLimit_ = count; }
 
-    uint32_t StepsOf(int locker) const;
-    bool Died(int locker) const;
     uint64_t NowMs() const { return nowMs_; }
     const std::vector<std::string>& Violations() const { return violations_; }
 
@@ -77,17 +92,17 @@ public:
     static int32_t CurrentProcessId();
 
 private:
-    struct Locker;
     struct Holder {
         int locker;
         bool exclusive;
     };
     struct Ended {}; // thrown to end a locker where it stands
 
+    Locker& Self() const;
     void RunLocker(Locker* locker);
     Locker* PickNext();
     void Enter(bool exclusive);
-    void Leave();
+    void Leave(int locker);
     void CheckOvertaking(bool exclusive);
 
     std::mt19937 random_;
@@ -103,6 +118,3 @@ private:
     std::vector<Holder> holders_;
     std::vector<std::string> violations_;
 };
-
-inline constexpr char WORLD_FILE[] = "C:\\f";
-inline constexpr char WORLD_DIRECTORY[] = "C:\\f.lck";
