@@ -126,6 +126,7 @@ void LockBare(const std::wstring& lockDirectory) {
     MoveFileW(entryFile.c_str(), memberFile.c_str());
     RemoveDirectoryW(entryDirectory.c_str());
     ListBare(lockDirectory);
+    ListBare(lockDirectory);
     DeleteFileW(memberFile.c_str());
     RemoveDirectoryW(lockDirectory.c_str());
 }
