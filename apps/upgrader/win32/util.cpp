@@ -96,7 +96,7 @@ std::string Join(const std::vector<std::string>& texts) {
 } // namespace
 
 void Msg_Append(const char* format, ...) {
-    static std::array<char, 1000> buffer;
+    std::array<char, 1000> buffer = {};
     va_list arguments;
     va_start(arguments, format);
 #ifdef _WIN32
