@@ -22,16 +22,20 @@ class Dump:
     def __init__(self, data):
         signature, _, count, directory = struct.unpack_from("<4sIII", data)
         assert signature == b"MDMP", "no minidump"
+        self.flags, = struct.unpack_from("<Q", data, 24)
         streams = {}
         for index in range(count):
             kind, size, at = struct.unpack_from("<III", data, directory + 12 * index)
             assert at + size <= len(data), f"stream {kind} leaves the file"
             streams[kind] = at
-        self.threads = [struct.unpack_from("<I", data, entry)[0] for entry in self.list(data, streams[THREADS], 48)]
+        self.stacks = {struct.unpack_from("<I", data, entry)[0]: struct.unpack_from("<QI", data, entry + 24)
+                       for entry in self.list(data, streams[THREADS], 48)}  # by thread: start and size
         self.modules = [self.module(data, entry) for entry in self.list(data, streams[MODULES], 108)]
         at = streams[EXCEPTION]
         self.thread, _, self.code, _, _, self.address, parameters, _ = struct.unpack_from("<IIIIQQII", data, at)
         self.parameters = list(struct.unpack_from(f"<{parameters}Q", data, at + 40))
+        context, = struct.unpack_from("<I", data, at + 164)
+        self.stack_pointer, = struct.unpack_from("<Q", data, context + 0x98)
 
     @staticmethod
     def list(data, at, size):
@@ -43,6 +47,11 @@ class Dump:
         base, size, _, _, name = struct.unpack_from("<QIIII", data, entry)
         length, = struct.unpack_from("<I", data, name)
         return base, size, data[name + 4:name + 4 + length].decode("utf-16-le")
+
+    def holds_stack(self):
+        """Whether the thread that failed is there, with the memory that its stack pointer points to."""
+        start, size = self.stacks.get(self.thread, (0, 0))
+        return start <= self.stack_pointer < start + size
 
     def module_of(self, address):
         return next((name for base, size, name in self.modules if base <= address < base + size), None)
@@ -87,12 +96,14 @@ def reported(code, parameters=(), module="rlupgrader.exe", function=None):
         assert dump.code == code, f"the dump says {dump.code:#x}"
         assert f"IP {dump.address:#010x} " in run.output, f"the dump says {dump.address:#x}"
         assert parameters is None or dump.parameters == list(parameters), dump.parameters
-        assert dump.thread in dump.threads, f"{dump.thread} is none of {dump.threads}"
+        assert dump.flags == 5, f"the dump is of type {dump.flags}"
+        assert dump.holds_stack(), f"no stack of thread {dump.thread} at {dump.stack_pointer:#x}: {dump.stacks}"
         found = dump.module_of(dump.address)
         assert (found or "").rsplit("\\", 1)[-1] == module, f"the place is in {found}"
         log = log_path(bench)
         text = log.read_text("utf-8")
         assert "image file C:\\upgrader\\rlupgrader.exe" in text, "the log names no modules"
+        assert "backtrace[00]" in text and "backtrace[32]" not in text, "the backtrace has no frames, or too many"
         if function:
             lines = subprocess.run([ROOT / "scripts" / "crash-lines.py", log, bench.build / "rlupgrader.debug"],
                                    check=True, capture_output=True, text=True)
@@ -106,7 +117,7 @@ def on_another_thread(bench, run):
     expect_lines(run, ACCESS_VIOLATION, "CoreDump: Writing minidump to C:\\")
     (_, data), = take_dumps(bench)
     dump = Dump(data)
-    assert len(dump.threads) >= 2 and dump.thread in dump.threads, dump.threads
+    assert len(dump.stacks) >= 2 and dump.holds_stack(), dump.stacks
     assert dump.code == ACCESS_VIOLATION and dump.parameters == READING
     assert dump.module_of(dump.address) is None
 
