@@ -3,8 +3,7 @@
 //   isoExtract extract|bare IMAGE TARGET
 //
 // extract   what the program does: open the image, extract its root, close it
-// bare      the floor of a program that copies the same files in the same chunks: the same calls on the same
-// files and
+// bare      the floor of a program that copies the same files in the same chunks: the same calls and
 //           nothing else, from a list that costs it nothing
 //
 // Prints "seconds" and, for the memory in use before and after, "private" in KiB.

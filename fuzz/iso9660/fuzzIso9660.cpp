@@ -59,13 +59,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t wanted = data[0] & (ISO9660_WANT_JOLIET | ISO9660_WANT_ROCK_RIDGE);
     std::vector<uint8_t> bytes; // exactly as long as the image
     if ((data[0] & OPTION_WHOLE) != 0) {
-        bytes.assign(data + 1, data + size);
+        bytes.resize(DESCRIPTORS);
+        bytes.insert(bytes.end(), data + 1, data + size);
     } else {
         bytes = sound;
         Patch(&bytes, data + 1, size - 1);
-        bytes.erase(bytes.begin(), bytes.begin() + DESCRIPTORS);
     }
-    FileMemory_Reset(bytes, DESCRIPTORS);
+    FileMemory_Reset(bytes);
     fileMemory.room = 1u << 20;
     Iso9660_Image* image = nullptr;
     if (Iso9660_Open(FILE_MEMORY_IMAGE, wanted, 0, &image) == Iso9660_Result::Success) {

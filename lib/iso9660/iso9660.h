@@ -39,9 +39,8 @@ struct Iso9660_Image; // opaque to callers
 struct Iso9660_Dir {
     uint32_t firstSector;
     uint32_t currentSector;
-    uint32_t size; // bytes
-    uint32_t
-        position; // bytes from the start of the current sector; may stand past its end until the next call
+    uint32_t size;     // bytes
+    uint32_t position; // bytes from the start of the current sector; past its end until the next call, maybe
 };
 
 struct Iso9660_File {
@@ -58,10 +57,10 @@ struct Iso9660_Entry {
     uint32_t links;
     uint32_t userId;
     uint32_t firstSector;
-    uint32_t size;                            // bytes
-    uint8_t recordingTime[ISO9660_TIME_SIZE]; // years since 1900, month, day, hour, minute, second, zone in
-                                              // quarter hours; with Rock Ridge the time of creation where
-                                              // there is one
+    uint32_t size; // bytes
+    // Years since 1900, month, day, hour, minute, second, zone in quarter hours; with Rock Ridge the time of
+    // creation where there is one.
+    uint8_t recordingTime[ISO9660_TIME_SIZE];
 };
 
 // `wanted` is a set of ISO9660_WANT_ bits. Without Joliet in the image, wanting it gives NoExtension; without
@@ -94,8 +93,8 @@ Iso9660_Result Iso9660_OpenFile(Iso9660_Image* image, const Iso9660_Entry* entry
 Iso9660_Result Iso9660_Read(Iso9660_Image* image, Iso9660_File* file, void* buffer, uint32_t* length);
 
 // Extraction. What was written before a failure stays. Existing directories are reused, existing files
-// replaced; no times, attributes or permissions are applied. A failure writes one Debug line that names the
-// entry and code.
+// replaced; no times, attributes or permissions are applied. A null target path is the current directory. A
+// failure is reported once, by a line that names the entry and the code and goes to Debug and to Warning.
 //
 // IoError also stands for: a name that does not fit behind the path (the two together over 260 bytes, the
 // separator not counted), a file where a directory must be. BadFormat also for: a directory inside itself, a

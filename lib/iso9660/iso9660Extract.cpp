@@ -30,20 +30,26 @@ std::string Join(std::string_view directory, std::string_view name) {
     return path.append(directory).append("\\").append(name);
 }
 
-// Logs one failure and returns its code. `source` is the path in the image. The place that fails calls this;
-// the callers above it only pass the code on.
+// To the debugger output, and as a warning, which the program also keeps in its log: what went wrong with an
+// upgrade must be told from there.
+void Report(const std::string& line) {
+    Debug("%s", line.c_str());
+    Warning("%s", line.c_str());
+}
+
+// Reports one failure and returns its code. `source` is the path in the image. The place that fails calls
+// this; the callers above it only pass the code on.
 Iso9660_Result Fail(std::string_view source, const char* what, Iso9660_Result result) {
-    Debug("Iso9660_Extract: %s: %s (code %u)\n", Iso9660Printable(source).c_str(), what,
-          static_cast<unsigned>(result));
+    Report(Str_Format("Iso9660_Extract: %s: %s (code %u)\n", Iso9660Printable(source).c_str(), what,
+                      static_cast<unsigned>(result)));
     return result;
 }
 
 // The same for a call to the file layer on `path`, with the system's own reason.
 Iso9660_Result FailCall(std::string_view source, const char* what, std::string_view path,
                         const std::string& reason = Iso9660LastError()) {
-    Debug("Iso9660_Extract: %s: %s %s: %s (code %u)\n", Iso9660Printable(source).c_str(), what,
-          Iso9660Printable(path).c_str(), reason.c_str(), static_cast<unsigned>(Iso9660_Result::IoError));
-    return Iso9660_Result::IoError;
+    std::string failed = Str_Format("%s %s: %s", what, Iso9660Printable(path).c_str(), reason.c_str());
+    return Fail(source, failed.c_str(), Iso9660_Result::IoError);
 }
 
 // ---- One file
@@ -243,9 +249,9 @@ Iso9660_Result MaximumDirectoryReads(Iso9660_Image* image, uint64_t* reads) {
 
 void WarnOfUdf(const Extraction& extraction) {
     if (extraction.files <= MAXIMUM_README_FILES && Iso9660HoldsUdf(extraction.image)) {
-        Debug("Iso9660_Extract: %s: only %u files here, but the image also holds a UDF file system, "
-              "which is not read\n",
-              Iso9660Printable(extraction.source + "\\").c_str(), extraction.files);
+        Report(Str_Format("Iso9660_Extract: %s: only %u files here, but the image also holds a UDF file "
+                          "system, which is not read\n",
+                          Iso9660Printable(extraction.source + "\\").c_str(), extraction.files));
     }
 }
 
@@ -320,12 +326,14 @@ Iso9660_Result ExtractPath(Iso9660_Image* image, std::string_view imagePath, con
                         : ExtractNamed(image, imagePath, directory, name, targetPath);
 }
 
-// The library's edge. What memory is left may not do for a message of many parts.
+// The library's edge. What memory is left may not do for a message of many parts, so this one takes none.
 template <typename Body>
 Iso9660_Result GuardExtraction(Body body) {
     Iso9660_Result result = Iso9660Guard(body);
     if (result == Iso9660_Result::OutOfMemory) {
-        Debug("Iso9660_Extract: out of memory (code %u)\n", static_cast<unsigned>(result));
+        static constexpr char LINE[] = "Iso9660_Extract: out of memory (code 6)\n";
+        Debug(LINE);
+        Warning(LINE);
     }
     return result;
 }

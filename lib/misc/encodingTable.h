@@ -12,8 +12,8 @@
 struct EncodingTableRow {
     uint32_t codePage; // as Windows numbers it, 0 when it has none
     uint32_t unitSize; // bytes of the smallest character and so of a text's terminator: 1, 2 or 4
-    const char*
-        names; // each ends with a zero byte, the list with an empty name; the first is the one ICU opens
+    // Each ends with a zero byte, the list with an empty name. ICU opens the first.
+    const char* names;
 };
 
 inline constexpr int ENCODING_TABLE_UNKNOWN = -1;

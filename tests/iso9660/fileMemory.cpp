@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -34,46 +33,42 @@ bool Fails() {
 
 // One component of a path that is about to be created, as the strictest reader would see it.
 void CheckComponent(std::string_view name, const char* path) {
-    static constexpr std::string_view devices[] = {"con", "prn", "aux", "nul"};
-    std::string stem(name.substr(0, name.find('.')));
-    std::transform(stem.begin(), stem.end(), stem.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; });
-    stem.resize(stem.find_last_not_of(' ') + 1);
-    bool device = std::find(std::begin(devices), std::end(devices), stem) != std::end(devices) ||
-                  (stem.size() == 4 && (stem.starts_with("com") || stem.starts_with("lpt")) &&
-                   stem[3] >= '0' && stem[3] <= '9');
-    if (name.empty() || name.back() == '.' || name.back() == ' ' || device ||
+    if (name.empty() || name.back() == '.' || name.back() == ' ' ||
         name.find_first_of("/:") != std::string_view::npos ||
         std::any_of(name.begin(), name.end(), [](char c) { return c >= 0 && c < ' '; })) {
         Violation("a name that must not be created", path);
     }
 }
 
-// The part below the target.
+// The part below the target, as the tree names it.
 std::string Below(const char* path) {
     std::string_view rest(path);
     std::string_view target(FILE_MEMORY_TARGET);
-    if (!rest.starts_with(target) || (rest.size() > target.size() && rest[target.size()] != '\\')) {
+    if (!rest.starts_with(target)) {
         Violation("outside the target", path);
     }
     rest.remove_prefix(target.size());
-    std::string below(rest.substr(rest.empty() ? 0 : 1));
+    std::string below;
     while (!rest.empty()) {
-        rest.remove_prefix(1);
-        std::string_view component = rest.substr(0, rest.find('\\'));
+        if (rest[0] != '\\') {
+            Violation("outside the target", path);
+        }
+        std::string_view component = rest.substr(1, rest.find('\\', 1) - 1);
         CheckComponent(component, path);
-        rest.remove_prefix(component.size());
+        below.append(below.empty() ? "" : "/").append(component);
+        rest.remove_prefix(1 + component.size());
     }
     return below;
 }
 
-bool ParentExists(const std::string& below) {
-    size_t separator = below.rfind('\\');
-    return separator == std::string::npos || fileMemory.directories.count(below.substr(0, separator)) != 0;
+bool IsDirectory(const std::string& below) {
+    auto found = fileMemory.tree.find(below);
+    return below.empty() || (found != fileMemory.tree.end() && found->second == TEST_TREE_DIRECTORY);
 }
 
-uint64_t ImageSize() {
-    return fileMemory.imageOffset + fileMemory.image.size();
+bool ParentExists(const std::string& below) {
+    size_t separator = below.rfind('/');
+    return IsDirectory(separator == std::string::npos ? "" : below.substr(0, separator));
 }
 
 OpenFile* Get(FileIODescriptor* descriptor) {
@@ -85,10 +80,9 @@ OpenFile* Get(FileIODescriptor* descriptor) {
 
 } // namespace
 
-void FileMemory_Reset(std::span<const uint8_t> image, size_t imageOffset) {
+void FileMemory_Reset(std::span<const uint8_t> image) {
     fileMemory = FileMemory();
     fileMemory.image = image;
-    fileMemory.imageOffset = imageOffset;
 }
 
 FileIOResult FileIO_Create(FileIODescriptor* descriptor, const char* name, uint32_t flags,
@@ -101,10 +95,10 @@ FileIOResult FileIO_Create(FileIODescriptor* descriptor, const char* name, uint3
         }
     } else if (flags == FILEIO_OPEN_WRITE && action == FileIOOpenAction::CreateEmpty) {
         std::string below = Below(name);
-        if (Fails() || below.empty() || fileMemory.directories.count(below) != 0 || !ParentExists(below)) {
+        if (Fails() || IsDirectory(below) || !ParentExists(below)) {
             return FileIOResult::NoPermission;
         }
-        file->content = &fileMemory.files[below];
+        file->content = &fileMemory.tree[below];
         file->content->clear();
     } else {
         Violation("unexpected way to open", name);
@@ -121,7 +115,8 @@ int64_t FileIO_Seek(FileIODescriptor* descriptor, int64_t distance, FileIOSeekOr
     if (Fails() || distance < 0) {
         return -1;
     }
-    file->position = static_cast<uint64_t>(distance) + (origin == FileIOSeekOrigin::End ? ImageSize() : 0);
+    file->position =
+        static_cast<uint64_t>(distance) + (origin == FileIOSeekOrigin::End ? fileMemory.image.size() : 0);
     return static_cast<int64_t>(file->position);
 }
 
@@ -130,18 +125,10 @@ FileIOResult FileIO_Read(FileIODescriptor* descriptor, void* buffer, size_t leng
     if (Fails()) {
         return FileIOResult::Error;
     }
-    uint64_t left = file->position < ImageSize() ? ImageSize() - file->position : 0;
-    size_t count = static_cast<size_t>(std::min<uint64_t>(length, left));
-    auto* bytes = static_cast<uint8_t*>(buffer);
-    for (size_t i = 0; i < count;) {
-        uint64_t position = file->position + i;
-        if (position < fileMemory.imageOffset) {
-            bytes[i++] = 0;
-            continue;
-        }
-        memcpy(&bytes[i], &fileMemory.image[position - fileMemory.imageOffset], count - i);
-        i = count;
-    }
+    size_t start = std::min<size_t>(file->position, fileMemory.image.size());
+    size_t count = std::min(length, fileMemory.image.size() - start);
+    std::copy_n(fileMemory.image.begin() + static_cast<ptrdiff_t>(start), count,
+                static_cast<uint8_t*>(buffer));
     file->position += count;
     if (actual) {
         *actual = count;
@@ -156,6 +143,8 @@ FileIOResult FileIO_Write(FileIODescriptor* descriptor, const void* buffer, size
         return FileIOResult::Error;
     }
     fileMemory.room -= length;
+    fileMemory.writes++;
+    fileMemory.largestWrite = std::max(fileMemory.largestWrite, length);
     file->content->append(static_cast<const char*>(buffer), length);
     return FileIOResult::Success;
 }
@@ -172,16 +161,11 @@ std::optional<std::string> File_FullPath(const char* name) {
 }
 
 bool File_IsDirectory(const char* name) {
-    std::string below = Below(name);
-    return !Fails() && (below.empty() || fileMemory.directories.count(below) != 0);
+    return !Fails() && IsDirectory(Below(name));
 }
 
 bool File_CreateDirectory(const char* name) {
     std::string below = Below(name);
-    if (Fails() || below.empty() || !ParentExists(below) || fileMemory.files.count(below) != 0 ||
-        fileMemory.directories.count(below) != 0) {
-        return false;
-    }
-    fileMemory.directories[below] = true;
-    return true;
+    return !Fails() && ParentExists(below) &&
+           (!below.empty() && fileMemory.tree.emplace(below, TEST_TREE_DIRECTORY).second);
 }

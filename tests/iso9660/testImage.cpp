@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <ostream>
@@ -18,8 +17,7 @@ std::string Byte(unsigned value) {
     return std::string(1, static_cast<char>(value));
 }
 
-std::string Text(const std::filesystem::path& path) {
-    auto text = path.generic_u8string();
+std::string Text(const std::u8string& text) {
     return std::string(text.begin(), text.end());
 }
 
@@ -29,12 +27,9 @@ std::filesystem::path FromText(std::string_view text) {
 
 } // namespace
 
-std::string Little32(uint32_t value) {
-    return Byte(value & 0xFF) + Byte(value >> 8 & 0xFF) + Byte(value >> 16 & 0xFF) + Byte(value >> 24);
-}
-
 std::string Both32(uint32_t value) {
-    return Little32(value) + "\xEE\xEE\xEE\xEE";
+    return Byte(value & 0xFF) + Byte(value >> 8 & 0xFF) + Byte(value >> 16 & 0xFF) + Byte(value >> 24) +
+           "\xEE\xEE\xEE\xEE";
 }
 
 std::string JolietName(std::u16string_view name) {
@@ -46,17 +41,12 @@ std::string JolietName(std::u16string_view name) {
 }
 
 std::string TestRecord::Bytes() const {
-    std::string bytes = std::string(1, '\0') + Both32(sector) + Both32(size) + time + Byte(flags) +
-                        std::string(2, '\0') + std::string("\x01\x00\xEE\xEE", 4) +
-                        Byte(static_cast<unsigned>(name.size())) + name;
-    bytes.insert(1, 1, '\0'); // no extended attributes
-    if (name.size() % 2 == 0) {
-        bytes += '\0';
-    }
+    std::string bytes(2, '\0'); // the length, known in the end; no extended attributes
+    bytes += Both32(sector) + Both32(size) + time + Byte(flags) + std::string("\0\0\x01\0\xEE\xEE", 6) +
+             Byte(static_cast<unsigned>(name.size())) + name;
+    bytes.resize((bytes.size() + 1) / 2 * 2);
     bytes += systemUse;
-    if (bytes.size() % 2 != 0) {
-        bytes += '\0';
-    }
+    bytes.resize((bytes.size() + 1) / 2 * 2);
     bytes[0] = static_cast<char>(bytes.size());
     return bytes;
 }
@@ -78,8 +68,8 @@ std::string AlternateName(uint8_t flags, std::string_view text) {
     return Entry("NM", Byte(flags) + std::string(text));
 }
 
-std::string Continuation(uint32_t sector, uint32_t offset, uint32_t length) {
-    return Entry("CE", Both32(sector) + Both32(offset) + Both32(length));
+std::string Continuation(uint32_t sector, uint32_t offset, size_t length) {
+    return Entry("CE", Both32(sector) + Both32(offset) + Both32(static_cast<uint32_t>(length)));
 }
 
 TestImage::TestImage(bool joliet) {
@@ -115,71 +105,77 @@ void TestImage::SetRoot(uint32_t descriptor, uint32_t sector, uint32_t size) {
 
 uint32_t TestImage::PutDirectory(uint32_t sector, uint32_t parent, const std::vector<TestRecord>& records,
                                  const std::string& selfSystemUse) {
-    std::vector<std::string> stored = {
-        TestRecord{std::string(1, '\0'), sector, TEST_SECTOR, TEST_DIRECTORY, selfSystemUse}.Bytes(),
-        TestRecord{std::string(1, '\1'), parent, TEST_SECTOR, TEST_DIRECTORY}.Bytes()};
-    for (const TestRecord& record : records) {
-        stored.push_back(record.Bytes());
-    }
+    std::vector<TestRecord> all = {
+        {std::string(1, '\0'), sector, TEST_SECTOR, TEST_DIRECTORY, selfSystemUse},
+        {std::string(1, '\1'), parent, TEST_SECTOR, TEST_DIRECTORY},
+    };
+    all.insert(all.end(), records.begin(), records.end());
     std::string content;
-    for (const std::string& record : stored) {
+    for (const TestRecord& record : all) {
+        std::string stored = record.Bytes();
         size_t left = TEST_SECTOR - content.size() % TEST_SECTOR;
-        if (record.size() > left) {
-            content.append(left, '\0');
-        }
-        content += record;
+        content.append(stored.size() > left ? left : 0, '\0');
+        content += stored;
     }
     content.resize((content.size() + TEST_SECTOR - 1) / TEST_SECTOR * TEST_SECTOR);
     Put(sector, content);
     return static_cast<uint32_t>(content.size());
 }
 
+TestImage RootWith(const std::vector<TestRecord>& records, uint32_t wanted) {
+    bool joliet = (wanted & ISO9660_WANT_JOLIET) != 0;
+    TestImage image(joliet);
+    uint32_t root = joliet ? TEST_JOLIET_ROOT : TEST_ROOT;
+    image.PutDirectory(root, root, records, SkipAnnouncement() + RockRidgeAnnouncement());
+    return image;
+}
+
 TestImage SampleImage(TestTree* tree) {
-    TestTree sample = {
+    const std::string directory = "Gr\u00FC\u00DFe";
+    const TestTree sample = {
         {"readme.txt", "hello"},
         {"empty", ""},
         {"sector", std::string(2048, 's')},
         {"more", std::string(2049, 'm')},
-        {"Gr\u00FC\u00DFe", TEST_TREE_DIRECTORY},
-        {"Gr\u00FC\u00DFe/deep.bin", std::string(5000, 'd')},
+        {directory, TEST_TREE_DIRECTORY},
+        {directory + "/deep.bin", std::string(5000, 'd')},
     };
     TestImage image(true);
+    std::map<std::string, TestRecord> files; // but for their names
     uint32_t next = TEST_FREE + 4;
-    std::map<std::string, uint32_t> sectors;
     for (const auto& [name, content] : sample) {
-        if (content != TEST_TREE_DIRECTORY && !content.empty()) {
-            sectors[name] = next;
+        if (content != TEST_TREE_DIRECTORY) {
+            files[name] = {"", next, static_cast<uint32_t>(content.size())};
             image.Put(next, content);
             next += static_cast<uint32_t>((content.size() + TEST_SECTOR - 1) / TEST_SECTOR);
         }
     }
-    auto file = [&](std::string stored, const std::string& name, const std::string& alternate) {
-        return TestRecord{std::move(stored), sectors[name], static_cast<uint32_t>(sample[name].size()), 0,
-                          alternate.empty() ? "" : AlternateName(0, alternate)};
+    auto file = [&](std::string stored, const std::string& name, std::string systemUse = {}) {
+        TestRecord record = files.at(name);
+        record.name = std::move(stored);
+        record.systemUse = std::move(systemUse);
+        return record;
     };
-    std::string deep = "Gr\u00FC\u00DFe/deep.bin";
-    uint32_t continued = TEST_FREE + 2;
     std::string tail = AlternateName(0, "txt");
-    image.Put(continued, tail);
-
-    image.PutDirectory(TEST_FREE, TEST_ROOT, {file("DEEP.BIN;1", deep, "deep.bin")});
-    image.PutDirectory(
-        TEST_ROOT, TEST_ROOT,
-        {{"DIR", TEST_FREE, TEST_SECTOR, TEST_DIRECTORY, AlternateName(0, "Gr\u00FC\u00DFe")},
-         file("EMPTY.;1", "empty", "empty"),
-         file("MORE.;1", "more", "more"),
-         {"README.TXT;1", sectors["readme.txt"], 5, 0,
-          AlternateName(1, "readme.") + Continuation(continued, 0, static_cast<uint32_t>(tail.size()))},
-         file("SECTOR.;1", "sector", "sector")},
-        SkipAnnouncement() + RockRidgeAnnouncement());
-
-    image.PutDirectory(TEST_FREE + 1, TEST_JOLIET_ROOT, {file(JolietName(u"deep.bin"), deep, "")});
+    image.Put(TEST_FREE + 2, tail);
+    image.PutDirectory(TEST_FREE, TEST_ROOT,
+                       {file("DEEP.BIN;1", directory + "/deep.bin", AlternateName(0, "deep.bin"))});
+    image.PutDirectory(TEST_ROOT, TEST_ROOT,
+                       {{"DIR", TEST_FREE, TEST_SECTOR, TEST_DIRECTORY, AlternateName(0, directory)},
+                        file("EMPTY.;1", "empty", AlternateName(0, "empty")),
+                        file("MORE.;1", "more", AlternateName(0, "more")),
+                        file("README.TXT;1", "readme.txt",
+                             AlternateName(1, "readme.") + Continuation(TEST_FREE + 2, 0, tail.size())),
+                        file("SECTOR.;1", "sector", AlternateName(0, "sector"))},
+                       SkipAnnouncement() + RockRidgeAnnouncement());
+    image.PutDirectory(TEST_FREE + 1, TEST_JOLIET_ROOT,
+                       {file(JolietName(u"deep.bin"), directory + "/deep.bin")});
     image.PutDirectory(TEST_JOLIET_ROOT, TEST_JOLIET_ROOT,
                        {{JolietName(u"Gr\u00FC\u00DFe"), TEST_FREE + 1, TEST_SECTOR, TEST_DIRECTORY},
-                        file(JolietName(u"empty"), "empty", ""),
-                        file(JolietName(u"more"), "more", ""),
-                        file(JolietName(u"readme.txt"), "readme.txt", ""),
-                        file(JolietName(u"sector"), "sector", "")});
+                        file(JolietName(u"empty"), "empty"),
+                        file(JolietName(u"more"), "more"),
+                        file(JolietName(u"readme.txt"), "readme.txt"),
+                        file(JolietName(u"sector"), "sector")});
     if (tree) {
         *tree = sample;
     }
@@ -200,8 +196,7 @@ TestFolder::~TestFolder() {
 }
 
 std::string TestFolder::Path(std::string_view name) const {
-    auto text = (name.empty() ? root_ : root_ / FromText(name)).u8string();
-    return std::string(text.begin(), text.end());
+    return Text((name.empty() ? root_ : root_ / FromText(name)).u8string());
 }
 
 std::string TestFolder::Write(std::string_view name, const std::vector<uint8_t>& content) const {
@@ -216,19 +211,16 @@ std::string TestFolder::Make(std::string_view name) const {
 }
 
 TestTree TestFolder::Tree(std::string_view name) const {
-    return ReadTree(root_ / FromText(name));
-}
-
-std::string ReadWhole(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
-
-TestTree ReadTree(const std::filesystem::path& root) {
     TestTree tree;
-    for (const auto& found : std::filesystem::recursive_directory_iterator(root)) {
-        std::string name = Text(found.path().lexically_relative(root));
-        tree[name] = found.is_directory() ? TEST_TREE_DIRECTORY : ReadWhole(found.path());
+    std::filesystem::path top = root_ / FromText(name);
+    for (const auto& found : std::filesystem::recursive_directory_iterator(top)) {
+        std::string& content = tree[Text(found.path().lexically_relative(top).generic_u8string())];
+        if (found.is_directory()) {
+            content = TEST_TREE_DIRECTORY;
+        } else {
+            std::ifstream stream(found.path(), std::ios::binary);
+            content.assign(std::istreambuf_iterator<char>(stream), {});
+        }
     }
     return tree;
 }

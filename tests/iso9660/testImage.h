@@ -3,7 +3,6 @@
 
 #include "iso9660/iso9660.h"
 
-#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -23,7 +22,6 @@ inline constexpr uint32_t TEST_FREE = 24;
 inline constexpr uint8_t TEST_DIRECTORY = 2;
 inline constexpr uint8_t TEST_MORE_EXTENTS = 0x80;
 
-std::string Little32(uint32_t value);
 std::string Both32(uint32_t value); // little-endian, then a big-endian half that is wrong on purpose
 std::string JolietName(std::u16string_view name);
 
@@ -43,7 +41,7 @@ std::string Entry(std::string_view signature, std::string_view data, int version
 std::string SkipAnnouncement(uint8_t skip = 0); // SP
 std::string RockRidgeAnnouncement();            // ER
 std::string AlternateName(uint8_t flags, std::string_view text);
-std::string Continuation(uint32_t sector, uint32_t offset, uint32_t length);
+std::string Continuation(uint32_t sector, uint32_t offset, size_t length);
 
 class TestImage {
 public:
@@ -52,24 +50,25 @@ public:
 
     // Grows the image by whole sectors as needed.
     void Put(uint32_t sector, std::string_view bytes, size_t offset = 0);
-    void PutByte(uint32_t sector, size_t offset, uint8_t value) {
-        Put(sector, std::string_view(reinterpret_cast<char*>(&value), 1), offset);
-    }
     void PutDescriptor(uint32_t sector, uint8_t type);
     void SetRoot(uint32_t descriptor, uint32_t sector, uint32_t size);
 
-    // "." and ".." and the records, as many to a sector as fit. Returns the directory's size in bytes. With
-    // Rock Ridge, "." of the root announces it.
+    // "." and ".." and the records, as many to a sector as fit. Returns the directory's size in bytes.
     uint32_t PutDirectory(uint32_t sector, uint32_t parent, const std::vector<TestRecord>& records,
                           const std::string& selfSystemUse = {});
 
     std::vector<uint8_t> bytes;
 };
 
-// An image of every kind of thing: nested directories, Joliet and Rock Ridge names, sizes around the
-// sector's. What extraction gives is in `tree`, by the names of the Joliet tree.
-using TestTree = std::map<std::string, std::string>; // "a/b" to the content, or to TEST_TREE_DIRECTORY
+// An image with these records in its root, the Joliet one if that is wanted. The root announces Rock Ridge.
+TestImage RootWith(const std::vector<TestRecord>& records, uint32_t wanted = 0);
+
+// "a/b" to the content, or to TEST_TREE_DIRECTORY.
+using TestTree = std::map<std::string, std::string>;
 inline const std::string TEST_TREE_DIRECTORY = "<directory>";
+
+// An image of every kind of thing: nested directories, Joliet and Rock Ridge names, sizes around the
+// sector's. What extraction gives is in `tree`.
 TestImage SampleImage(TestTree* tree = nullptr);
 
 class TestFolder {
@@ -101,9 +100,6 @@ public:
     Iso9660_Image* image = nullptr;
     Iso9660_Result result;
 };
-
-std::string ReadWhole(const std::filesystem::path& path);
-TestTree ReadTree(const std::filesystem::path& root);
 
 // Prints a result as its number.
 void PrintTo(Iso9660_Result result, std::ostream* stream);
