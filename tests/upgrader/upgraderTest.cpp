@@ -9,6 +9,7 @@
 #include "iso9660/iso9660.h"
 #include "log/log.h"
 #include "support/diagCapture.h"
+#include "support/failingNew.h"
 #include "support/scriptedPort.h"
 #include "support/transportDouble.h"
 #include "system/system.h"
@@ -16,6 +17,7 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +26,7 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::IsSupersetOf;
 
 // The world as the test sets it up, and what was done to it.
 struct World {
@@ -223,6 +226,23 @@ TEST_F(UpgraderTest, EveryFailureOfTheStartIsNamedAndUndone) {
     }
 }
 
+TEST_F(UpgraderTest, AStartWithoutMemoryIsNamed) {
+    std::vector<std::string> warnings;
+    for (unsigned n = 1; n <= 10; ++n) {
+        Renew();
+        FailingNew_Set(n);
+        if (UpgraderData* data = Init()) {
+            UpgraderEnd(data);
+        }
+        FailingNew_Set(0);
+        std::ranges::move(DiagCapture_Take().warning, std::back_inserter(warnings));
+        EXPECT_EQ(host_.opened, host_.closed);
+    }
+    EXPECT_THAT(warnings, IsSupersetOf({"Unable to create upgrader data structure.\n\n",
+                                        "Unable to create the event queue.\n\n",
+                                        "Unable to create the RpcIn object.\n\n"}));
+}
+
 TEST_F(UpgraderTest, TheTenthDirectoryIsStillTried) {
     world.directoriesThatFail = 9;
     UpgraderData* data = Init();
@@ -248,6 +268,16 @@ TEST_F(UpgraderTest, RunMayComeAgainAtAnyTime) {
     }
     EXPECT_THAT(world.done, ElementsAre("extract to C:\\Temp\\000000ab", "launch", "finished",
                                         "extract to C:\\Temp\\000000ab"));
+    UpgraderEnd(data);
+}
+
+TEST_F(UpgraderTest, ARunThatCannotBeScheduledIsLogged) {
+    UpgraderData* data = Init();
+    ASSERT_TRUE(data);
+    FailingNew_Set(1);
+    Command(UpgraderTcloRun, data);
+    EXPECT_FALSE(data->stepScheduled);
+    EXPECT_EQ(LogCapture_Take().back().text, "Run: nothing could be scheduled, nothing will be installed");
     UpgraderEnd(data);
 }
 

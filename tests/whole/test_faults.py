@@ -16,9 +16,11 @@ def image(bench):
     return bench.image("exit-0", Behaviour="exit", ExitCode=0)
 
 
-def ends_well(_bench, run):
+def ends_well(bench, run):
     assert run.guest_exit in (0, 1), f"the guest's exit code is {run.guest_exit}"
     assert " 0 deviations" in run.output, "the protocol was not kept"
+    log = bench.log()
+    assert "I1:Cancelled by the host" in log or "E1:" in log, f"nothing tells why it ended:\n{log}"
 
 
 def sweep(bench, option):

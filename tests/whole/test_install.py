@@ -13,7 +13,7 @@ import sys
 import threading
 import time
 
-from upgrades import ROOT, Case, main, wineprefix
+from upgrades import ROOT, Case, image, main, wineprefix
 
 END_SENT = "guest request: 'toolinstall.end 0'"
 ASKED = "Reboot is required to complete tools install..."
@@ -24,27 +24,12 @@ QUESTION_SECONDS = 30  # until silence counts as consent
 BOX_LIMIT = 60  # seconds for the box to appear
 
 
-def image(name, setup, package=None, settings=()):
-    """A function that makes an image from the named setup program and package."""
-    def make(bench):
-        out = bench.work / f"{name}.iso"
-        if not out.exists():
-            command = [sys.executable, ROOT / "sim" / "sample" / "make_image.py", out, "--bare",
-                       "--setup", bench.sample(setup)]
-            command += ["--package", bench.sample(package)] if package else []
-            command += [text for setting in settings for text in ("--set", setting)]
-            subprocess.run(command, check=True, timeout=60)
-        return out
-    return make
-
-
 LAUNCHER = "launcher/setup.exe"
-PLAIN = "plain/setup.exe"
 PACKAGE = image("package", LAUNCHER, "small.msi")
-PLAIN_PACKAGE = image("plain-package", PLAIN, "small.msi")
+PLAIN_PACKAGE = image("plain-package", "plain/setup.exe", "small.msi")
 REFUSING = image("refusing", LAUNCHER, "installers/refuses.msi")
 REBOOTING = image("rebooting", LAUNCHER, "installers/reboots.msi")
-WANTS_REBOOT = image("wants-reboot", LAUNCHER, settings=["Behaviour=exit", "ExitCode=3010"])
+WANTS_REBOOT = image("wants-reboot", Behaviour="exit", ExitCode=3010)
 NSIS = image("nsis", "installers/nsis.exe")
 EARLY = image("early", "installers/early.exe")
 HANDLES = image("handles", "installers/handles.exe")
@@ -53,23 +38,6 @@ HANDLES = image("handles", "installers/handles.exe")
 def wine(bench, *command):
     return subprocess.run(["wine", *command], env=wineprefix.environment(bench.prefix), stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=120, check=False)
-
-
-def log(bench):
-    """The installer log without its time stamps."""
-    texts = [path.read_text("utf-8", "replace") for path in (bench.prefix / "drive_c" / "users").rglob("rlinst.log")]
-    return re.sub(r"^inst : \S+ \S+ ", "", "\n".join(texts), flags=re.M)
-
-
-def logged(*lines):
-    """A check that the installer log holds these lines, in this order."""
-    def check(bench, _run):
-        text, place = log(bench), 0
-        for line in lines:
-            found = text.find(line, place)
-            assert found >= 0, f"not in rlinst.log: {line!r}\n{text}"
-            place = found + len(line)
-    return check
 
 
 def every(*checks):
@@ -121,7 +89,6 @@ class OddFolder:
     def _set(bench, value):
         for name in ("TEMP", "TMP"):
             wine(bench, "reg", "add", "HKCU\\Environment", "/v", name, "/t", "REG_EXPAND_SZ", "/d", value, "/f")
-        wineprefix.stop(bench.prefix)  # who runs already keeps the old one
 
     def make(self, bench):
         (bench.prefix / "drive_c" / self.NAME).mkdir()
@@ -135,7 +102,8 @@ class OddFolder:
         logs = list(folder.glob("*/rlmsi.log"))
         shutil.rmtree(folder)
         assert len(logs) == 1, logs
-        assert f'SetupCmdLine ["C:\\{self.NAME}\\{logs[0].parent.name}\\setup.exe" /s /v"/qn /L*v "C:\\{self.NAME}\\' in text
+        root = f"C:\\{self.NAME}\\{logs[0].parent.name}"
+        assert f'SetupCmdLine ["{root}\\setup.exe" /s /v"/qn /L*v "{root}\\rlmsi.log"" /w]' in text
         installed("Ravlin")(bench, run)
 
 
@@ -143,34 +111,32 @@ odd = OddFolder()
 
 INSTALLERS = [
     *[Case(f"package-{letter}", ["--run-args", f"-{letter}"], image=PACKAGE, limit=120, unsaid=[END_SENT, ASKED],
-           said=[f'/s /v"{ui}', "Setup process returned 0"],
-           check=every(installed("Ravlin"), logged("SetupArgs [/s", "SetupCmdLine [", "Setup returned [0]",
-                                                   "Upgrader returning [0]"), *more))
-      for letter, ui, more in (("s", "/qb- REBOOT=R", [msi_log]), ("q", "/qn", [msi_log]),
-                               ("x", "/qn UPGRADE_AT_SHUTDOWN=1", []))],
+           said=[f'/s /v"{ui}', "Setup process returned 0"], check=every(installed("Ravlin"), *more))
+      for letter, ui, more in (("s", "/qb- REBOOT=R", [msi_log]), ("x", "/qn UPGRADE_AT_SHUTDOWN=1", []))],
     Case("package-without-launcher", ["--run-args", "-q"], image=PLAIN_PACKAGE, limit=120, unsaid=[END_SENT, ' /w"'],
          said=['/s /v"/qn" /L "', "Setup process returned 0"], check=installed("Ravlin")),
     Case("package-refuses", ["--run-args", "-q", "--expect-end", "sent"], image=REFUSING, limit=120,
          said=["Setup process returned 1603", END_SENT], unsaid=[ASKED],
-         check=every(nothing_installed, msi_log, logged("Setup returned [1603]"))),
+         logged=["Setup returned [1603]", "Telling the host that the installation did not succeed"],
+         check=every(nothing_installed, msi_log)),
     Case("package-reboots-at-shutdown", ["--run-args", "-x"], image=REBOOTING, limit=120,
          said=["Setup process returned 3010"], unsaid=[ASKED, REBOOTS, END_SENT],
+         logged=["A reboot is required; nobody is asked, because the installer was told not to restart"],
          check=installed("Ravlin Tools reboot")),
     Case("package-reboots-and-we-shut-down", ["--run-args", "-q"], ["-s"], image=REBOOTING, limit=120,
-         said=["Setup process returned 3010", SHUTS_DOWN], unsaid=[ASKED, END_SENT]),
+         said=["Setup process returned 3010", SHUTS_DOWN], unsaid=[ASKED, END_SENT],
+         logged=["A reboot is required; nobody is asked, because the guest shuts down"]),
     Case("package-told-not-to-reboot", guest=["-p", '/s /v"/qn REBOOT=R"'], image=REBOOTING, limit=120,
          said=["Reboot really suppress parameter detected.", "Setup process returned 3010"],
          unsaid=[ASKED, REBOOTS, END_SENT]),
     Case("other-make", ["--run-args", "-q"], image=NSIS, said=["Setup process returned 1641"],
          unsaid=[END_SENT, ASKED], check=every(arguments_of_nsis, installed("Ravlin Tools NSIS"))),
     Case("returns-early", ["--run-args", "-q"], image=EARLY, said=["Setup process returned 0"], unsaid=[END_SENT],
-         check=logged("Setup returned [0]")),
+         logged=["Setup returned [0]"]),
     Case("inherits-nothing", ["--run-args", "-q"], image=HANDLES, said=["Setup process returned 0"],
          check=no_handle_of_ours),
     Case("odd-folder", ["--run-args", "-q"], image=odd.make, limit=120, said=["Setup process returned 0"],
          unsaid=[END_SENT], check=odd.check),
-    Case("bad-input", ["--run-args", "now -q"], image=image("exit", LAUNCHER, settings=["Behaviour=exit"]),
-         said=['setup.exe" /w', "Setup process returned 0"], check=logged("Bad input:  now -q", "SetupArgs []")),
 ]
 
 
@@ -209,8 +175,9 @@ def console(name, answer, reboots, line):
         assert (style, seconds, wait) == ("36", str(QUESTION_SECONDS), "1"), session.recorded
         assert title == "Ravlin Tools Setup" and text.startswith("Setup needs to reboot"), session.recorded
 
-    return Case(f"console-{name}", image=session.make, said=["Setup process returned 3010", ASKED] + [REBOOTS] * reboots,
-                unsaid=[END_SENT] + [REBOOTS] * (not reboots), check=every(session.check, asked, logged(line)),
+    return Case(f"console-{name}", image=session.make,
+                said=["Setup process returned 3010", ASKED] + [REBOOTS] * reboots,
+                unsaid=[END_SENT] + [REBOOTS] * (not reboots), logged=[line], check=every(session.check, asked),
                 env={"WINEDLLOVERRIDES": OVERRIDES + ";wtsapi32=n", "RL_WTS_ANSWER": answer,
                      "RL_WTS_RECORD": "C:\\wts.txt"})
 
@@ -220,9 +187,6 @@ CONSOLE = [
     console("no", "7", False, "Reboot now: no"),
     console("silent", "32000", True, "Reboot now: no answer in time, taken as yes"),
     console("fails", "fail", False, "Reboot now: could not be asked, taken as no"),
-    # As Wine's own library does.
-    Case("console-of-the-system-fails", image=WANTS_REBOOT, said=[ASKED], unsaid=[REBOOTS, END_SENT],
-         check=logged("Could not ask for a reboot on console session", "Reboot now: could not be asked, taken as no")),
 ]
 
 
@@ -232,36 +196,35 @@ class Person:
 
     SIZE = "640x300"
     MIDDLE = ["320", "150"]
+    desktop = False  # whether the guest has one already
+    pictures = {}  # and the language of each
 
-    def __init__(self, name, key, image_maker=WANTS_REBOOT, console_session=None):
-        self.name, self.key, self.session = name, key, console_session
-        self.make_image = console_session.make if console_session else image_maker
+    def __init__(self, name, key, language, make_image, session=None):
+        self.name, self.key, self.language, self.make_image, self.session = name, key, language, make_image, session
         self.problem = self.thread = None
 
-    def _picture(self, path):
-        subprocess.run(["import", "-window", "root", "-crop", f"{self.SIZE}+0+0", "+repage", path], check=True,
-                       timeout=60)
-        return path.read_bytes()
+    def _picture(self):
+        """What is on the desktop, without what of it has one colour."""
+        return subprocess.run(["import", "-window", "root", "-crop", f"{self.SIZE}+0+0", "+repage", "-trim", "-depth",
+                               "8", "ppm:-"], check=True, capture_output=True, timeout=60).stdout
 
-    @staticmethod
-    def _colours(path):
-        return int(subprocess.run(["identify", "-format", "%k", path], check=True, capture_output=True,
-                                  timeout=60).stdout)
-
-    def _wait_for_box(self, path):
+    def _wait_for_box(self):
         """The empty desktop has one colour; the box, once it is drawn, does not change any more."""
         limit, last = time.monotonic() + BOX_LIMIT, None
         while time.monotonic() < limit:
-            picture = self._picture(path)
-            if picture == last and self._colours(path) > 30:
-                return
+            picture = self._picture()
+            if picture == last and len({picture[at:at + 3] for at in range(len(picture) % 3, len(picture), 3)}) > 30:
+                return picture
             last = picture
-            time.sleep(0.2)
+            time.sleep(0.1)
         raise AssertionError("no box appeared")
 
     def _work(self, out):
         try:
-            self._wait_for_box(out / f"{self.name}.png")
+            picture = self._wait_for_box()
+            subprocess.run(["convert", "ppm:-", out / f"{self.name}.png"], input=picture, check=True, timeout=60)
+            same = self.pictures.setdefault(picture, self.language)
+            assert same == self.language, f"the box looks as in {same}"
             if self.key:
                 subprocess.run(["xdotool", "mousemove", *self.MIDDLE, "click", "1", "sleep", "0.3", "key", self.key],
                                check=True, timeout=60)
@@ -269,10 +232,12 @@ class Person:
             self.problem = problem
 
     def make(self, bench):
-        # A desktop of Wine's own, which draws captions and takes the keys.
-        wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer", "/v", "Desktop", "/d", "Guest", "/f")
-        wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", self.SIZE, "/f")
-        wineprefix.stop(bench.prefix)  # a language and a desktop are chosen at the first start
+        if not Person.desktop:
+            # A desktop of Wine's own, which draws captions and takes the keys. It is chosen at the first start.
+            wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer", "/v", "Desktop", "/d", "Guest", "/f")
+            wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", self.SIZE, "/f")
+            wineprefix.stop(bench.prefix)
+            Person.desktop = True
         made = self.make_image(bench)
         self.thread = threading.Thread(target=self._work, args=(bench.out,))
         self.thread.start()
@@ -286,11 +251,11 @@ class Person:
 
 
 def box(name, key, reboots, line, language="en_US", session=None):
-    person = Person(f"box-{name}", key, console_session=session)
+    person = Person(f"box-{name}", key, language, session.make if session else WANTS_REBOOT, session)
     overrides = ";wtsapi32=n" if session else ";wtsapi32="
     return Case(f"box-{name}", image=person.make, limit=BOX_LIMIT + QUESTION_SECONDS + 30,
                 said=["Setup process returned 3010", ASKED] + [REBOOTS] * reboots,
-                unsaid=[END_SENT] + [REBOOTS] * (not reboots), check=every(person.check, logged(line)),
+                unsaid=[END_SENT] + [REBOOTS] * (not reboots), logged=[line], check=person.check,
                 env={"WINEDLLOVERRIDES": OVERRIDES + overrides, "LC_ALL": f"{language}.UTF-8"})
 
 
@@ -316,7 +281,7 @@ class Release:
 
     def make(self, bench):
         wine(bench, "reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", self.name, "/f")
-        return image("done", LAUNCHER, settings=["Behaviour=exit"])(bench)
+        return bench.image("done", Behaviour="exit")
 
     @staticmethod
     def check(bench, _run):
@@ -327,25 +292,38 @@ def release(name, through_session):
     played = Release(name)
     session = ["System_IsLoginScreenActive: desktop name is"]
     return Case(f"release-{name}", guest=["-s"], image=played.make,
-                check=every(played.check, logged("Asking the system for a shutdown")),
+                check=played.check, logged=["Asking the system for a shutdown"],
                 said=["Setup process returned 0", SHUTS_DOWN] + session * through_session,
                 unsaid=[END_SENT] + session * (not through_session))
 
 
 RELEASES = [release("win2k", True),
-            *[release(name, False) for name in ("winxp64", "win2003", "vista", "win2008r2", "win10")]]
+            *[release(name, False) for name in ("winxp64", "win10")]]
 
 
 def usage(language):
     name = "usage-" + language[:2]
-    person = Person(name, "Return", image_maker=lambda bench: None)
+    person = Person(name, "Return", language, lambda bench: None)
     return Case(name, ["--expect-no-start"], ["-h"], image=person.make, check=person.check, limit=BOX_LIMIT + 30,
                 said=["Upgrader failed parsing command line arguments."], env={"LC_ALL": f"{language}.UTF-8"})
 
 
 USAGE = [usage(language) for language in ("en_US", "de_DE", "fr_FR", "es_ES", "it_IT", "ja_JP", "zh_CN")]
 
+SILENCE = "box-left-alone"
+
+
+def main_beside_silence(cases):
+    """The case that is a wait of half a minute runs in a guest, and on a display, of its own."""
+    own = {key: value for key, value in os.environ.items() if key not in ("WINEPREFIX", "RL_DISPLAY")}
+    with subprocess.Popen([sys.executable, __file__, SILENCE], env=own, stdout=subprocess.PIPE, text=True) as beside:
+        status = main([case for case in cases if case.name != SILENCE])
+        print(beside.communicate()[0], end="")
+    return status or beside.returncode
+
+
 if __name__ == "__main__":
     if "RL_DISPLAY" not in os.environ:
         os.execv(ROOT / "scripts" / "with-display.sh", ["with-display.sh", sys.executable, __file__, *sys.argv[1:]])
-    sys.exit(main(INSTALLERS + CONSOLE + RELEASES + BOXES + USAGE))
+    ALL = INSTALLERS + CONSOLE + RELEASES + BOXES + USAGE
+    sys.exit(main(ALL) if sys.argv[1:] else main_beside_silence(ALL))

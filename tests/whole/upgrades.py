@@ -29,7 +29,8 @@ OURS = ("rlupgrader.exe", "hostsim.exe", "setup.exe", "msiexec.exe")
 
 @dataclasses.dataclass
 class Case:
-    """One run. `said` are texts that the transcript holds in this order, `unsaid` ones that it does not hold."""
+    """One run. `said` are texts that the transcript holds in this order, `logged` ones that rlinst.log holds, and
+    `unsaid` ones that the transcript does not hold."""
 
     name: str
     options: list = dataclasses.field(default_factory=list)  # of hostsim
@@ -37,6 +38,7 @@ class Case:
     image: object = None  # path, or a function of Bench that gives one
     exits: tuple = (AS_EXPECTED,)
     said: list = dataclasses.field(default_factory=list)
+    logged: list = dataclasses.field(default_factory=list)
     unsaid: list = dataclasses.field(default_factory=list)
     check: object = None  # function of (Bench, Run) that raises
     limit: int = 60  # seconds
@@ -103,17 +105,24 @@ class Bench:
             found = same[0] if same else found / part
         return found
 
-    def image(self, name, **settings):
-        """A small image whose setup.exe behaves as the settings say; see sim/sample/setup.cpp."""
-        kind = settings.pop("kind", "launcher")
+    def image(self, name, setup="launcher/setup.exe", package=None, **settings):
+        """A small image with this setup program and package; the sample's setup.exe behaves as the settings say, see
+        sim/sample/setup.cpp."""
         out = self.work / f"{name}.iso"
         if not out.exists():
             command = [sys.executable, ROOT / "sim" / "sample" / "make_image.py", out, "--bare", "--setup",
-                       self.sample(kind) / "setup.exe"]
+                       self.sample(setup)]
+            command += ["--package", self.sample(package)] if package else []
             for key, value in settings.items():
                 command += ["--set", f"{key}={value}"]
             subprocess.run(command, check=True, timeout=60)
         return out
+
+    def log(self):
+        """The installer log of the last run, without its time stamps."""
+        texts = [path.read_text("utf-8", "replace")
+                 for path in (self.prefix / "drive_c" / "users").glob("*/Temp/rlinst.log")]
+        return re.sub(r"^inst : \S+ \S+ ", "", "\n".join(texts), flags=re.M)
 
     def file(self, name, data):
         path = self.work / name
@@ -145,6 +154,7 @@ class Bench:
             output.seek(0)
             said = output.read().decode("utf-8", "replace")
         text = transcript.read_text("utf-8", "replace") if transcript.exists() else ""
+        transcript.with_suffix(".log").write_text(self.log())
         return Run(done.returncode, said, text)
 
     def processes(self):
@@ -168,14 +178,25 @@ class Bench:
                 shutil.rmtree(entry) if entry.is_dir() else entry.unlink()
 
 
+def image(name, *parts, **settings):
+    """A function that has a Bench make this image."""
+    return lambda bench: bench.image(name, *parts, **settings)
+
+
+def holds(what, whole, texts):
+    """Raises AssertionError when the texts do not stand in the whole in this order."""
+    place = 0
+    for text in texts:
+        found = whole.find(text, place)
+        assert found >= 0, f"not {what}{' (in this order)' if text in whole else ''}: {text!r}"
+        place = found + len(text)
+
+
 def judge(bench, case, run):
     """Raises AssertionError when the run is not what the case asks for."""
     assert run.code in case.exits, f"hostsim ended with {run.code} instead of {case.exits}"
-    place = 0
-    for text in case.said:
-        found = run.transcript.find(text, place)
-        assert found >= 0, f"not said{' (in this order)' if text in run.transcript else ''}: {text!r}"
-        place = found + len(text)
+    holds("said", run.transcript, case.said)
+    holds("logged", bench.log(), case.logged)
     for text in case.unsaid:
         assert text not in run.transcript, f"said: {text!r}"
     assert case.leaves_image or "image left" not in run.output, "the image was left behind"
@@ -201,6 +222,7 @@ def run_case(bench, case):
         if run:
             print(run.output)
             print(run.transcript[-6000:])
+            print(bench.log())
         good = False
     else:
         print(f"ok {case.name} ({time.monotonic() - start:.1f} s)")
