@@ -550,14 +550,3 @@ size_t Hypervisor_OpenChannels(const Hypervisor& hypervisor) {
         std::count_if(hypervisor.channels.begin(), hypervisor.channels.end(),
                       [](const Channel& channel) { return channel.open && !channel.guestBelievesClosed; }));
 }
-
-std::string Hypervisor_ProtocolName(uint32_t protocol) {
-    switch (protocol) {
-    case HOSTCHANNEL_TCLO:
-        return "TCLO";
-    case HOSTCHANNEL_RPCI:
-        return "RPCI";
-    default:
-        return Str_Format("0x%x", static_cast<unsigned>(protocol));
-    }
-}

@@ -115,6 +115,3 @@ void Hypervisor_Call(Hypervisor* hypervisor, Hypervisor_Instruction instruction,
 
 // Channels that the guest has opened and neither closed nor tried to close.
 size_t Hypervisor_OpenChannels(const Hypervisor& hypervisor);
-
-// "TCLO" or "RPCI", or the number.
-std::string Hypervisor_ProtocolName(uint32_t protocol);

@@ -147,13 +147,14 @@ TEST_F(RpcInTest, TheNewestHandlerOfANameWinsAndGoesFirst) {
     RpcIn_RegisterCallback(in_, "f", Handle, two_);
     Answer("f");
     EXPECT_EQ(seen.handler, "two");
+    RpcIn_RegisterCallback(in_, "g", Handle, two_);
     RpcIn_UnregisterCallback(in_, "f");
     Answer("f");
     EXPECT_EQ(seen.handler, "one");
     EXPECT_THAT(DiagCapture_Take().debug,
                 ElementsAre("Registering callback 'reset'\n", "Registering callback 'ping'\n",
                             "Registering callback 'f'\n", "Registering callback 'f'\n",
-                            "Unregistering callback 'f'\n"));
+                            "Registering callback 'g'\n", "Unregistering callback 'f'\n"));
 }
 
 TEST_F(RpcInTest, PollingBacksOffAndACommandBringsItBack) {

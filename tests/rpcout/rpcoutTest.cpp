@@ -85,6 +85,16 @@ TEST(RpcOut, EveryFailureExplainsItselfAndLeavesNoChannelOpen) {
     }
 }
 
+TEST(RpcOut, WhatCannotBeFormattedIsNotSent) {
+    TransportDouble host;
+    char none[] = "none";
+    char* reply = none;
+    EXPECT_FALSE(
+        RpcOut_SendRequest(&reply, nullptr, "%ls", L"\x4E00")); // not in the C locale's character set
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(host.opened, 0);
+}
+
 TEST(RpcOut, AFailedCloseTakesTheReplyBack) {
     TransportDouble host;
     host.incoming.push_back("1 fine");

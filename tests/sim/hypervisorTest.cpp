@@ -98,8 +98,10 @@ TEST(Hypervisor, FindsEveryDeviation) {
     const Hypervisor_Faults high;
     Hypervisor_Faults low;
     low.lowBandwidth = true;
-    Hypervisor_Faults failing; // the access behind a receive size
+    Hypervisor_Faults failing; // what comes behind a size
     failing.failCall = 3;
+    Hypervisor_Faults unclosed;
+    unclosed.failCall = 2;
     const Access size = Low(SendSize, 4);
     const Access out = Bulk(BulkOut, 4);
     const Access in = Bulk(BulkIn, LENGTH);
@@ -116,6 +118,7 @@ TEST(Hypervisor, FindsEveryDeviation) {
         {"upper half of dx", high, {size.Flip(&Registers::dx, UPPER)}},
         {"is not open", high, {size.Flip(&Registers::dx, 0x10000)}},
         {"is not open", high, {Low(Close), size}},
+        {"is used after its close", unclosed, {Low(Close), size}},
         {"upper half of cx", high, {size.Flip(&Registers::cx, UPPER)}},
         {"unknown command", high, {size.Flip(&Registers::cx, 1)}},
         {"unknown sub-command", high, {Low(static_cast<HostChannel_SubCommand>(7))}},
