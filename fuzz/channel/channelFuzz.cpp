@@ -18,6 +18,8 @@ namespace {
 constexpr unsigned MOST_TURNS = 50;
 constexpr uint32_t LONGEST_MESSAGE = 0x20000; // of the messages announced; memory for more is not the point
 
+constexpr uint16_t BULK = 0xFFFE; // in place of a sub-command
+
 std::span<const uint8_t> input;
 uint64_t calls = 0;
 
@@ -38,27 +40,45 @@ uint64_t Word() {
     return word;
 }
 
-// Registers as the input says; half of the time a status that goes on, and lengths that fit into memory.
-void Answer(HvPort_Registers* registers) {
-    ++calls;
-    uint8_t kind = Byte();
-    if ((kind & 1) != 0) {
-        uint64_t status = (kind & 2) != 0 ? HOSTCHANNEL_SUCCESS | HOSTCHANNEL_DO_RECEIVE : Byte();
-        status |= (kind & 4) != 0 ? HOSTCHANNEL_HIGH_BANDWIDTH : 0;
-        registers->cx = status << 16;
-        registers->bx = status << 16 | (Byte() % 64);
-        registers->dx = uint64_t{(kind & 8) != 0 ? 1U : 2U} << 16;
-        if ((kind & 16) != 0) {
-            registers->bx = Byte(); // a short length, or payload
-        }
-        return;
-    }
+// Registers of the input's own choice; lengths that fit into memory.
+void AnswerAnyhow(HvPort_Registers* registers) {
     registers->ax = Word();
     registers->bx = uint64_t{0xFFFFFFFF} << 32 | Word() % LONGEST_MESSAGE;
     registers->cx = Word();
     registers->dx = Word();
     registers->si = Word();
     registers->di = Word();
+}
+
+// What the call asks for, so that messages arrive and go on to their handlers.
+void AnswerInOrder(uint16_t asked, uint8_t status, HvPort_Registers* registers) {
+    registers->cx = HvPort_Word(status, 0);
+    switch (static_cast<HostChannel_SubCommand>(asked)) {
+    case HostChannel_SubCommand::ReceiveSize:
+        registers->bx = Byte();
+        registers->dx = HvPort_Word(1, 0);
+        break;
+    case HostChannel_SubCommand::ReceivePayload:
+        registers->bx = Word();
+        registers->dx = HvPort_Word(2, 0);
+        break;
+    default:
+        registers->ax = HVPORT_VERSION;
+        registers->bx = asked == 0xFFFF ? HVPORT_MAGIC : HvPort_Word(status, 0); // the status of bulk calls
+        break;
+    }
+}
+
+void Answer(uint16_t asked, HvPort_Registers* registers) {
+    ++calls;
+    uint8_t kind = Byte();
+    if ((kind & 0x30) == 0x30) {
+        return AnswerAnyhow(registers);
+    }
+    uint8_t status = HOSTCHANNEL_SUCCESS;
+    status |= (kind & 1) != 0 ? HOSTCHANNEL_DO_RECEIVE : 0;
+    status |= (kind & 2) != 0 ? HOSTCHANNEL_HIGH_BANDWIDTH : 0;
+    AnswerInOrder(asked, (kind & 0x0C) == 0x0C ? Byte() : status, registers);
 }
 
 bool Handler(const char** result, uint64_t* length, const char* name, const char* args, uint64_t size,
@@ -114,7 +134,7 @@ void RunCommandLoop() {
 } // namespace
 
 void HvPort(HvPort_Registers* registers) {
-    Answer(registers);
+    Answer(HvPort_High(registers->cx), registers);
 }
 
 void HvPort_BulkOut(HvPort_Registers* registers) {
@@ -124,7 +144,7 @@ void HvPort_BulkOut(HvPort_Registers* registers) {
     for (uint64_t i = 0; i < registers->cx; ++i) {
         sum = static_cast<uint8_t>(sum + bytes[i]);
     }
-    Answer(registers);
+    Answer(BULK, registers);
 }
 
 void HvPort_BulkIn(HvPort_Registers* registers) {
@@ -132,7 +152,7 @@ void HvPort_BulkIn(HvPort_Registers* registers) {
     for (uint64_t i = 0; i < registers->cx; ++i) {
         bytes[i] = Byte();
     }
-    Answer(registers);
+    Answer(BULK, registers);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
