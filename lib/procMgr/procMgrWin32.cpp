@@ -4,7 +4,6 @@
 
 #include "misc/diag.h"
 #include "misc/win32Handle.h"
-#include "string/str.h"
 #include "unicode/unicode.h"
 
 #include <memory>
@@ -67,7 +66,7 @@ std::string NameForLog(const char* commandLine, const ProcMgr_ProcArgs* options)
     if (!options->applicationName) {
         Diag_NotImplemented(UNIT, LINE_NO_APPLICATION);
     }
-    return Str_Format("%S", options->applicationName);
+    return Unicode_FromWide(options->applicationName).value_or("");
 }
 
 void DuplicateToken(HANDLE token, ProcMgr_AsyncProc* record) {

@@ -2,23 +2,19 @@
 
 #include "string/str.h"
 
-#include <cstring>
+#include <initializer_list>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 
 FakeStation* fake = nullptr;
 ProcMgrAccessCalls systemCalls;
 
-constexpr uintptr_t OWN_STATION = 0x1001;
-constexpr uintptr_t INTERACTIVE_STATION = 0x1003;
-constexpr uintptr_t DEFAULT_DESKTOP = 0x1005;
-
 template <typename Handle>
-Handle ToHandle(uintptr_t value) {
-    return reinterpret_cast<Handle>(value);
-}
-uintptr_t ToValue(const void* handle) {
-    return reinterpret_cast<uintptr_t>(handle);
+Handle As(const KernelHandle& object) {
+    return static_cast<Handle>(object.Get());
 }
 
 // Counts a call; true when it is the one to fail.
@@ -30,8 +26,23 @@ bool Fails() {
     return false;
 }
 
+// Gives the object a list of access-allowed entries with these rights for everybody.
+void SetList(const KernelHandle& object, std::initializer_list<DWORD> rights) {
+    SID everybody = {SID_REVISION, 1, SECURITY_WORLD_SID_AUTHORITY, {SECURITY_WORLD_RID}};
+    std::vector<DWORD> list(50);
+    auto* acl = reinterpret_cast<ACL*>(list.data());
+    InitializeAcl(acl, static_cast<DWORD>(8 + 20 * rights.size()), ACL_REVISION);
+    for (DWORD each : rights) {
+        AddAccessAllowedAce(acl, ACL_REVISION, each, &everybody);
+    }
+    SECURITY_DESCRIPTOR descriptor;
+    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&descriptor, TRUE, acl, FALSE);
+    EXPECT_TRUE(SetKernelObjectSecurity(object.Get(), DACL_SECURITY_INFORMATION, &descriptor));
+}
+
 HWINSTA WINAPI GetStation() {
-    return ToHandle<HWINSTA>(OWN_STATION);
+    return nullptr;
 }
 
 HWINSTA WINAPI OpenStation(LPCWSTR name, BOOL inherit, ACCESS_MASK rights) {
@@ -40,19 +51,19 @@ HWINSTA WINAPI OpenStation(LPCWSTR name, BOOL inherit, ACCESS_MASK rights) {
         return nullptr;
     }
     fake->openStations++;
-    return ToHandle<HWINSTA>(INTERACTIVE_STATION);
+    return As<HWINSTA>(fake->station);
 }
 
 BOOL WINAPI SetStation(HWINSTA station) {
     if (Fails()) {
         return FALSE;
     }
-    fake->onOwnStation = ToValue(station) == OWN_STATION;
+    fake->onOwnStation = station == nullptr;
     return TRUE;
 }
 
 BOOL WINAPI CloseStation(HWINSTA station) {
-    if (ToValue(station) != INTERACTIVE_STATION || !fake->onOwnStation) {
+    if (station == nullptr || !fake->onOwnStation) {
         return FALSE; // the system refuses to close the process's own station
     }
     fake->openStations--;
@@ -65,7 +76,7 @@ HDESK WINAPI OpenDefault(LPCWSTR name, DWORD flags, BOOL inherit, ACCESS_MASK ri
         return nullptr;
     }
     fake->openDesktops++;
-    return ToHandle<HDESK>(DEFAULT_DESKTOP);
+    return As<HDESK>(fake->desktop);
 }
 
 BOOL WINAPI CloseDefault(HDESK) {
@@ -73,67 +84,38 @@ BOOL WINAPI CloseDefault(HDESK) {
     return TRUE;
 }
 
-std::optional<ProcMgrBytes>& ListOf(HANDLE object) {
-    return ToValue(object) == DEFAULT_DESKTOP ? fake->desktopList : fake->stationList;
-}
-
 BOOL WINAPI GetSecurity(HANDLE object, PSECURITY_INFORMATION what, PSECURITY_DESCRIPTOR out, DWORD size,
                         LPDWORD needed) {
-    if (Fails() || *what != DACL_SECURITY_INFORMATION) {
-        return FALSE;
-    }
-    std::optional<ProcMgrBytes>& list = ListOf(object);
-    SECURITY_DESCRIPTOR absolute;
-    InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION);
-    if (list) {
-        SetSecurityDescriptorDacl(&absolute, TRUE, reinterpret_cast<ACL*>(list->data()), FALSE);
-    }
-    *needed = size;
-    BOOL done = MakeSelfRelativeSD(&absolute, out, needed);
-    DWORD error = GetLastError();
-    if (!done && fake->listGrowsOnce) {
-        fake->listGrowsOnce = false;
-        list = FakeStation_List({1, 2, 3, 4, 5, 6, 7, 8});
-    }
-    SetLastError(error);
-    return done;
-}
-
-BOOL WINAPI SetSecurity(HANDLE object, PSECURITY_INFORMATION what, PSECURITY_DESCRIPTOR in) {
-    if (Fails() || *what != DACL_SECURITY_INFORMATION || !IsValidSecurityDescriptor(in)) {
-        return FALSE;
-    }
-    BOOL present = FALSE;
-    BOOL defaulted = FALSE;
-    ACL* acl = nullptr;
-    GetSecurityDescriptorDacl(in, &present, &acl, &defaulted);
-    if (!present || !acl || !IsValidAcl(acl)) {
-        return FALSE;
-    }
-    const auto* bytes = reinterpret_cast<const uint8_t*>(acl);
-    ListOf(object) = ProcMgrBytes(bytes, bytes + acl->AclSize);
-    fake->trace += ToValue(object) == DEFAULT_DESKTOP ? "desktop! " : "station! ";
-    return TRUE;
-}
-
-BOOL WINAPI GetGroups(HANDLE, TOKEN_INFORMATION_CLASS, void* out, DWORD size, PDWORD needed) {
     if (Fails()) {
         return FALSE;
     }
-    // Two groups; the first carries one of the two bits that the second one has.
-    size_t groupsSize = sizeof(TOKEN_GROUPS) + sizeof(SID_AND_ATTRIBUTES);
-    *needed = static_cast<DWORD>(groupsSize + fake->logonSid.size());
-    if (size < *needed) {
+    if (GetKernelObjectSecurity(object, *what, out, size, needed)) {
+        return TRUE;
+    }
+    if (std::exchange(fake->listGrowsOnce, false)) {
+        SetList(fake->station, {1, 2, 3, 4, 5, 6, 7, 8});
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    }
+    return FALSE;
+}
+
+BOOL WINAPI SetSecurity(HANDLE object, PSECURITY_INFORMATION what, PSECURITY_DESCRIPTOR in) {
+    if (Fails() || !SetKernelObjectSecurity(object, *what, in)) {
+        return FALSE;
+    }
+    fake->trace += object == fake->desktop.Get() ? "desktop! " : "station! ";
+    return TRUE;
+}
+
+BOOL WINAPI GetGroups(HANDLE token, TOKEN_INFORMATION_CLASS kind, void* out, DWORD size, PDWORD needed) {
+    HANDLE readable = fake->anyTokenServes ? fake->token.Get() : token;
+    if (Fails() || !GetTokenInformation(readable, kind, out, size, needed)) {
         return FALSE;
     }
     auto* groups = static_cast<TOKEN_GROUPS*>(out);
-    auto* sid = static_cast<uint8_t*>(out) + groupsSize;
-    memcpy(sid, fake->logonSid.data(), fake->logonSid.size());
-    groups->GroupCount = 2;
-    SID_AND_ATTRIBUTES* group = groups->Groups;
-    group[0] = {nullptr, 0x40000007};
-    group[1] = {sid, fake->tokenHasLogonSession ? 0xC0000007 : 0x80000007};
+    for (DWORD i = 0; i < groups->GroupCount && !fake->tokenHasLogonSession; i++) {
+        groups->Groups[i].Attributes &= ~0x40000000u; // one of the two bits that make a logon session
+    }
     return TRUE;
 }
 
@@ -149,8 +131,11 @@ BOOL WINAPI Delete(PACL acl, DWORD index) {
 } // namespace
 
 FakeStation::FakeStation()
-    : stationList(FakeStation_List({0x20, 0x40})), desktopList(FakeStation_List({0x10})),
-      logonSid({1, 3, 0, 0, 0, 0, 0, 5, 5, 0, 0, 0, 0, 0, 0, 0, 0x87, 0xD6, 0x12, 0}) {
+    : station(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      desktop(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
+    EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token.Receive()));
+    SetList(station, {0x20, 0x40});
+    SetList(desktop, {0x10});
     fake = this;
     systemCalls = procMgrAccessCalls;
     procMgrAccessCalls = {GetStation,   OpenStation, SetStation,  CloseStation, OpenDefault,
@@ -162,16 +147,23 @@ FakeStation::~FakeStation() {
     fake = nullptr;
 }
 
-ProcMgrBytes FakeStation_List(std::initializer_list<DWORD> rights) {
-    SID_IDENTIFIER_AUTHORITY world = SECURITY_WORLD_SID_AUTHORITY;
-    PSID everybody = nullptr;
-    AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &everybody);
-    ProcMgrBytes list(8 + rights.size() * 20);
-    auto* acl = reinterpret_cast<ACL*>(list.data());
-    InitializeAcl(acl, static_cast<DWORD>(list.size()), ACL_REVISION);
-    for (DWORD each : rights) {
-        AddAccessAllowedAce(acl, ACL_REVISION, each, everybody);
+std::string FakeStation::ListOf(const KernelHandle& object) {
+    std::vector<DWORD> descriptor(250);
+    DWORD needed = 0;
+    BOOL present = FALSE;
+    BOOL defaulted = FALSE;
+    ACL* acl = nullptr;
+    EXPECT_TRUE(
+        GetKernelObjectSecurity(object.Get(), DACL_SECURITY_INFORMATION, descriptor.data(), 1000, &needed));
+    EXPECT_TRUE(GetSecurityDescriptorDacl(descriptor.data(), &present, &acl, &defaulted));
+    std::string entries;
+    for (DWORD index = 0; present && acl && index < acl->AceCount; index++) {
+        void* entry = nullptr;
+        EXPECT_TRUE(GetAce(acl, index, &entry));
+        auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+        EXPECT_EQ(allowed->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+        const bool isLogon = *GetSidSubAuthority(&allowed->SidStart, 0) == SECURITY_LOGON_IDS_RID;
+        entries += Str_Format("%d:%lx%s ", allowed->Header.AceFlags, allowed->Mask, isLogon ? "*" : "");
     }
-    FreeSid(everybody);
-    return list;
+    return entries;
 }

@@ -1,29 +1,29 @@
-// An interactive window station and desktop with access lists of their own, in place of the system's: the
-// system that the tests run on need not keep such lists, and must not be changed by them.
+// An interactive window station and desktop with access lists, in place of the system's: the system that the
+// tests run on need not keep such lists, and must not be changed by them. Two events stand in for the
+// objects, since those have lists everywhere.
 #pragma once
 
+#include "misc/win32Handle.h"
 #include "procMgr/procMgrAccessWin32.h"
-#include "procMgr/procMgrAcl.h"
 
-#include <optional>
 #include <string>
-#include <vector>
 #include <windows.h>
 
-class FakeStation {
-public:
+struct FakeStation {
     FakeStation();  // takes the place of the system's calls
     ~FakeStation(); // gives it back
 
-    static constexpr const char* EVERYBODY = "everybody";
+    // Entries of an object's list in order, each by flags and rights; a star marks those for a logon session.
+    static std::string ListOf(const KernelHandle& object);
 
-    std::optional<ProcMgrBytes> stationList; // none: the object has no access list
-    std::optional<ProcMgrBytes> desktopList;
+    KernelHandle station; // with entries for everybody: rights 0x20 and 0x40
+    KernelHandle desktop; // 0x10
+    KernelHandle token;   // of this process
     bool tokenHasLogonSession = true;
-    bool listGrowsOnce = false; // between asking for its size and reading it
-    int failCall = 0;           // number of the call that fails, from 1; 0 none
+    bool anyTokenServes = false; // also what is no token: this process's groups are taken then
+    bool listGrowsOnce = false;  // between asking for its size and reading it
+    int failCall = 0;            // number of the call that fails, from 1; 0 none
     bool failDeletes = false;
-    ProcMgrBytes logonSid;
 
     int callCount = 0;
     int openStations = 0;
@@ -32,6 +32,3 @@ public:
     std::string trace;        // writes and deletions, in order: "desktop!", "delete 1"
     std::string opened;       // names and rights of what was opened
 };
-
-// A list holding an access-allowed entry with `rights` for everybody, made by the system.
-ProcMgrBytes FakeStation_List(std::initializer_list<DWORD> rights);

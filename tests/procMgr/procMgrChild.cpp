@@ -2,9 +2,6 @@
 //   report FILE ...   writes what it was started with to FILE, then sets the events of PROCMGR_SET
 //   exit CODE         ends with that exit code
 //   wait NAME         waits for the event NAME, then sets the event NAME-done
-//   spawn NAME        starts "wait NAME" as its own child and ends at once
-#include "procMgr/procMgr.h"
-#include "string/str.h"
 #include "unicode/unicode.h"
 
 #include <cstdio>
@@ -42,7 +39,6 @@ int Report(const wchar_t* fileName) {
             static_cast<unsigned>(startup.wShowWindow));
     fprintf(file, "desktop [%s]\n", Narrow(startup.lpDesktop).c_str());
     fprintf(file, "directory %s\n", Narrow(directory).c_str());
-    fprintf(file, "variable %s\n", Narrow(_wgetenv(L"PROCMGR_VARIABLE")).c_str());
     fclose(file);
     SetInherited();
     return 0;
@@ -51,20 +47,7 @@ int Report(const wchar_t* fileName) {
 int Wait(const std::wstring& name) {
     HANDLE event = OpenEventW(SYNCHRONIZE, FALSE, name.c_str());
     HANDLE done = OpenEventW(EVENT_MODIFY_STATE, FALSE, (name + L"-done").c_str());
-    if (!event || !done || WaitForSingleObject(event, 60000) != WAIT_OBJECT_0) {
-        return 1;
-    }
-    SetEvent(done);
-    return 0;
-}
-
-int Spawn(const wchar_t* name) {
-    wchar_t self[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    ProcMgr_AsyncProc* child = ProcMgr_ExecAsync(
-        Str_Format("\"%s\" wait %s", Narrow(self).c_str(), Narrow(name).c_str()).c_str(), nullptr);
-    ProcMgr_Free(child);
-    return child ? 0 : 1;
+    return WaitForSingleObject(event, 60000) == WAIT_OBJECT_0 && SetEvent(done) ? 0 : 1;
 }
 
 } // namespace
@@ -79,9 +62,6 @@ int wmain(int count, wchar_t** arguments) {
     }
     if (what == L"wait") {
         return Wait(arguments[2]);
-    }
-    if (what == L"spawn") {
-        return Spawn(arguments[2]);
     }
     return 99;
 }
