@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -20,7 +20,8 @@ struct Machine {
     bool acpi = true;
     bool loginScreen = false;
     uint32_t exitError = 0;
-    std::deque<uint32_t> initiateErrors = {}; // one for each call; 0 afterwards
+    uint32_t firstTry = 0; // errors of initiating it, without and with force
+    uint32_t secondTry = 0;
     std::string calls = {};
 };
 Machine machine;
@@ -47,89 +48,64 @@ const SystemShutdownCalls CALLS = {
     },
     [](bool force, bool reboot) {
         Note(Str_Format("init%s%s", force ? " force" : "", reboot ? " reboot" : ""));
-        uint32_t error = 0;
-        if (!machine.initiateErrors.empty()) {
-            error = machine.initiateErrors.front();
-            machine.initiateErrors.pop_front();
-        }
-        return error;
+        return force ? machine.secondTry : machine.firstTry;
     },
 };
-
-std::string CallsFor(const Machine& described, bool reboot, uint32_t expectedError = 0) {
-    machine = described;
-    EXPECT_EQ(SystemShutdownWith(CALLS, reboot), expectedError);
-    return machine.calls;
-}
 
 constexpr bool REBOOT = true;
 constexpr bool POWER_OFF = false;
 
-TEST(SystemShutdown, BeforeNtTheSessionEndsWithoutPrivilege) {
-    for (uint32_t family : {HOSTINFO_FAMILY_95, HOSTINFO_FAMILY_98, HOSTINFO_FAMILY_ME}) {
-        EXPECT_EQ(CallsFor({.family = family}, REBOOT), "exit 2");
-        EXPECT_EQ(CallsFor({.family = family}, POWER_OFF), "acpi?, exit 8");
-        EXPECT_EQ(CallsFor({.family = family, .acpi = false}, POWER_OFF), "acpi?, exit 1");
-        EXPECT_EQ(CallsFor({.family = family, .loginScreen = true, .exitError = 5}, REBOOT, 5), "exit 2");
+using Families = std::vector<uint32_t>;
+const Families BEFORE_NT = {HOSTINFO_FAMILY_95, HOSTINFO_FAMILY_98, HOSTINFO_FAMILY_ME};
+const Families THROUGH_SESSION = {HOSTINFO_FAMILY_2000, HOSTINFO_FAMILY_XP};
+const Families OTHERS = {HOSTINFO_FAMILY_NT4, HOSTINFO_FAMILY_2003, HOSTINFO_FAMILY_VISTA, HOSTINFO_FAMILY_7,
+                         HOSTINFO_FAMILY_UNKNOWN};
+const Families XP = {HOSTINFO_FAMILY_XP};
+
+TEST(SystemShutdown, AsksInTheWayOfTheSystem) {
+    struct {
+        Families families;
+        Machine described;
+        bool reboot;
+        const char* calls;
+        uint32_t error = 0;
+    } cases[] = {
+        {BEFORE_NT, {}, REBOOT, "exit 2"},
+        {BEFORE_NT, {}, POWER_OFF, "acpi?, exit 8"},
+        {BEFORE_NT, {.acpi = false}, POWER_OFF, "acpi?, exit 1"},
+        {BEFORE_NT, {.loginScreen = true, .exitError = 5}, REBOOT, "exit 2", 5},
+        // Nobody answers behind the log-on screen.
+        {THROUGH_SESSION, {}, REBOOT, "priv, login?, exit 2"},
+        {THROUGH_SESSION, {.loginScreen = true}, REBOOT, "priv, login?, exit 6"},
+        {THROUGH_SESSION, {.loginScreen = true}, POWER_OFF, "priv, acpi?, login?, exit 12"},
+        {THROUGH_SESSION, {.acpi = false}, POWER_OFF, "priv, acpi?, login?, exit 1"},
+        {THROUGH_SESSION, {.exitError = 1314}, REBOOT, "priv, login?, exit 2", 1314},
+        // Only XP is another with a service pack, or with one that cannot be found out.
+        {XP, {.servicePack = 1}, REBOOT, "priv, init reboot"},
+        {XP, {.servicePack = std::nullopt}, REBOOT, "priv, init reboot"},
+        {{HOSTINFO_FAMILY_2000}, {.servicePack = 4}, REBOOT, "priv, login?, exit 2"},
+        // The second try forces programs closed; a system that is not ready falls back to the session.
+        {OTHERS, {}, REBOOT, "priv, init reboot"},
+        {OTHERS, {.loginScreen = true}, POWER_OFF, "priv, acpi?, init"},
+        {OTHERS, {.firstTry = 5}, REBOOT, "priv, init reboot, init force reboot"},
+        {OTHERS, {.firstTry = 21}, POWER_OFF, "priv, acpi?, init, init force"},
+        {OTHERS, {.firstTry = 5, .secondTry = 1115}, POWER_OFF, "priv, acpi?, init, init force", 1115},
+        {OTHERS, {.firstTry = 21, .secondTry = 5}, REBOOT, "priv, init reboot, init force reboot", 5},
+        {OTHERS,
+         {.loginScreen = true, .exitError = 1314, .firstTry = 5, .secondTry = 21},
+         REBOOT,
+         "priv, init reboot, init force reboot, exit 2",
+         1314},
+        {OTHERS, {.firstTry = 21, .secondTry = 21}, POWER_OFF, "priv, acpi?, init, init force, exit 8"},
+    };
+    for (const auto& c : cases) {
+        for (uint32_t family : c.families) {
+            machine = c.described;
+            machine.family = family;
+            EXPECT_EQ(SystemShutdownWith(CALLS, c.reboot), c.error) << family << ": " << c.calls;
+            EXPECT_EQ(machine.calls, c.calls) << family;
+        }
     }
-}
-
-TEST(SystemShutdown, Windows2000AndFirstXpEndTheSession) {
-    for (uint32_t family : {HOSTINFO_FAMILY_2000, HOSTINFO_FAMILY_XP}) {
-        EXPECT_EQ(CallsFor({.family = family}, REBOOT), "priv, login?, exit 2");
-        EXPECT_EQ(CallsFor({.family = family, .loginScreen = true}, REBOOT), "priv, login?, exit 6");
-        EXPECT_EQ(CallsFor({.family = family}, POWER_OFF), "priv, acpi?, login?, exit 8");
-        EXPECT_EQ(CallsFor({.family = family, .loginScreen = true}, POWER_OFF),
-                  "priv, acpi?, login?, exit 12");
-        EXPECT_EQ(CallsFor({.family = family, .acpi = false}, POWER_OFF), "priv, acpi?, login?, exit 1");
-        EXPECT_EQ(CallsFor({.family = family, .acpi = false, .loginScreen = true}, POWER_OFF),
-                  "priv, acpi?, login?, exit 5");
-        EXPECT_EQ(CallsFor({.family = family, .exitError = 1314}, REBOOT, 1314), "priv, login?, exit 2");
-    }
-}
-
-TEST(SystemShutdown, OnlyXpLooksAtItsServicePack) {
-    const std::optional<uint32_t> laterOrUnknown[] = {1, 2, 3, std::nullopt};
-    for (std::optional<uint32_t> servicePack : laterOrUnknown) {
-        EXPECT_EQ(CallsFor({.family = HOSTINFO_FAMILY_XP, .servicePack = servicePack}, REBOOT),
-                  "priv, init reboot");
-        EXPECT_EQ(CallsFor({.family = HOSTINFO_FAMILY_2000, .servicePack = servicePack}, REBOOT),
-                  "priv, login?, exit 2");
-    }
-}
-
-TEST(SystemShutdown, TheOthersInitiateIt) {
-    for (uint32_t family : {HOSTINFO_FAMILY_NT4, HOSTINFO_FAMILY_2003, HOSTINFO_FAMILY_VISTA,
-                            HOSTINFO_FAMILY_7, HOSTINFO_FAMILY_UNKNOWN}) {
-        EXPECT_EQ(CallsFor({.family = family}, REBOOT), "priv, init reboot");
-        EXPECT_EQ(CallsFor({.family = family, .loginScreen = true}, POWER_OFF), "priv, acpi?, init");
-    }
-}
-
-TEST(SystemShutdown, ASecondTryForcesProgramsClosed) {
-    for (uint32_t first : {5u, 21u, 1115u}) {
-        EXPECT_EQ(CallsFor({.initiateErrors = {first}}, REBOOT), "priv, init reboot, init force reboot");
-        EXPECT_EQ(CallsFor({.initiateErrors = {first}}, POWER_OFF), "priv, acpi?, init, init force");
-        EXPECT_EQ(CallsFor({.initiateErrors = {first, 1115}}, REBOOT, 1115),
-                  "priv, init reboot, init force reboot");
-    }
-}
-
-TEST(SystemShutdown, ASystemThatIsNotReadyFallsBackToTheSession) {
-    EXPECT_EQ(CallsFor({.loginScreen = true, .initiateErrors = {21, 21}}, REBOOT),
-              "priv, init reboot, init force reboot, exit 2");
-    EXPECT_EQ(CallsFor({.acpi = false, .initiateErrors = {5, 21}}, POWER_OFF),
-              "priv, acpi?, init, init force, exit 1");
-    EXPECT_EQ(CallsFor({.exitError = 1314, .initiateErrors = {21, 21}}, POWER_OFF, 1314),
-              "priv, acpi?, init, init force, exit 8");
-}
-
-TEST(SystemAcpi, DescriptionMentionsAcpiInAnyCase) {
-    EXPECT_TRUE(SystemIsAcpiDescription("ACPI x64-based PC"));
-    EXPECT_TRUE(SystemIsAcpiDescription("Advanced (aCpI) PC"));
-    EXPECT_FALSE(SystemIsAcpiDescription("Standard PC"));
-    EXPECT_FALSE(SystemIsAcpiDescription("ACP I"));
-    EXPECT_FALSE(SystemIsAcpiDescription(""));
 }
 
 } // namespace
