@@ -4,7 +4,6 @@
 #include "string/str.h"
 
 #include <algorithm>
-#include <array>
 
 namespace {
 
@@ -29,8 +28,7 @@ size_t ReadRoom(const HgfsClient& client) {
     return Large(client) ? kHgfsReadMaxV3 : kHgfsReadMaxV1;
 }
 
-// --- Requests
-// ------------------------------------------------------------------------------------------------
+// ---- Requests ----
 
 void AppendPacket(HgfsClient* client, HgfsPackets_Request request, std::vector<uint8_t>* message) {
     client->requestOp = request.op;
@@ -85,8 +83,7 @@ void AppendWalk(HgfsClient* client, std::vector<uint8_t>* message) {
     AppendPacket(client, request, message);
 }
 
-// --- Replies
-// -------------------------------------------------------------------------------------------------
+// ---- Replies ----
 
 bool TakeAttributes(HgfsClient* client, const HgfsPackets_Reply& reply) {
     uint32_t type = reply.attributes.type;

@@ -93,6 +93,7 @@ void Search(HgfsPackets_Request* request, const Ops& ops, Step step) {
     request->index = static_cast<uint32_t>(step) - static_cast<uint32_t>(Step::SearchSelf);
 }
 
+// Long because it is a table: one case for each step.
 void Build(const HgfsExercise& exercise, const Ops& ops, Step step, HgfsPackets_Request* request) {
     const std::string directory = Below(exercise.directory, DIRECTORY);
     const std::string file = Below(directory, FILE_NAME);

@@ -8,8 +8,8 @@
 
 #include <cstddef>
 
-// Length of the escaped name; 0 when nothing needs escaping; -1, with a warning, for a malformed name. NULs
-// in front and one behind the name are not counted.
+// Length of the escaped name, one NUL behind it not counted; 0 when nothing needs escaping; -1, with a
+// warning, for a name that ends in more NULs.
 ptrdiff_t HgfsEscape_GetSize(const char* name, size_t length);
 
 // Writes the escaped name, NUL bytes as they stand, and returns its length; -1 when it does not fit into

@@ -3,8 +3,8 @@
 //
 // All integers are little-endian and packed without padding, so a 64-bit field may start anywhere. Offsets
 // count from the start of the packet, sizes are bytes. A layout is a struct of offsets that is never
-// instantiated; its MinimumSize (requests) or Size (replies) is derived from them and checked below against
-// the fixed figures.
+// instantiated; a later version inherits what it shares with the one before. Its MinimumSize (requests) or
+// Size (replies) is derived from the offsets and checked below against the fixed figures.
 #pragma once
 
 #include <array>
@@ -281,11 +281,7 @@ struct HgfsWriteRequestV1 {
     static constexpr size_t Data = 25;
     static constexpr size_t MinimumSize = Data + 1;
 };
-struct HgfsWriteRequestV3 {
-    static constexpr size_t Handle = 8;
-    static constexpr size_t Flags = 12;
-    static constexpr size_t Offset = 13;
-    static constexpr size_t Size = 21;
+struct HgfsWriteRequestV3 : HgfsWriteRequestV1 {
     static constexpr size_t Reserved = 25;
     static constexpr size_t Data = 33;
     static constexpr size_t MinimumSize = Data + 1;
@@ -321,16 +317,12 @@ struct HgfsFileRequestV2 {
     static constexpr size_t Name = 20;
     static constexpr size_t MinimumSize = Name + HgfsNameV1::EmptySize;
 };
-struct HgfsFileRequestV3 {
-    static constexpr size_t Mask = 8;
-    static constexpr size_t Handle = 16;
+struct HgfsFileRequestV3 : HgfsFileRequestV2 {
     static constexpr size_t Reserved = 20;
     static constexpr size_t Name = 24;
     static constexpr size_t MinimumSize = Name + HgfsNameV3::EmptySize;
 };
 
-// The version 3 request has the same fields as version 2 in the same places and four reserved bytes behind
-// the handle.
 struct HgfsSetattrRequestV1 {
     static constexpr size_t Update = 8;
     static constexpr size_t Attributes = 9;
@@ -344,10 +336,7 @@ struct HgfsSetattrRequestV2 {
     static constexpr size_t Name = Handle + 4;
     static constexpr size_t MinimumSize = Name + HgfsNameV1::EmptySize;
 };
-struct HgfsSetattrRequestV3 {
-    static constexpr size_t Mask = 8;
-    static constexpr size_t Attributes = 16;
-    static constexpr size_t Handle = Attributes + HgfsAttrV2::Size;
+struct HgfsSetattrRequestV3 : HgfsSetattrRequestV2 {
     static constexpr size_t Reserved = Handle + 4;
     static constexpr size_t Name = Reserved + 4;
     static constexpr size_t MinimumSize = Name + HgfsNameV3::EmptySize;
@@ -367,12 +356,7 @@ struct HgfsCreateDirRequestV2 {
     static constexpr size_t Name = 20;
     static constexpr size_t MinimumSize = Name + HgfsNameV1::EmptySize;
 };
-struct HgfsCreateDirRequestV3 {
-    static constexpr size_t Mask = 8;
-    static constexpr size_t SpecialPerms = 16;
-    static constexpr size_t OwnerPerms = 17;
-    static constexpr size_t GroupPerms = 18;
-    static constexpr size_t OtherPerms = 19;
+struct HgfsCreateDirRequestV3 : HgfsCreateDirRequestV2 {
     static constexpr size_t Attributes = 20;
     static constexpr size_t Name = 28;
     static constexpr size_t MinimumSize = Name + HgfsNameV3::EmptySize;
@@ -390,11 +374,7 @@ struct HgfsRenameRequestV2 {
     static constexpr size_t OldName = 24;
     static constexpr size_t MinimumSize = OldName + 2 * HgfsNameV1::EmptySize;
 };
-struct HgfsRenameRequestV3 {
-    static constexpr size_t Mask = 8;
-    static constexpr size_t Handle = 16;
-    static constexpr size_t Reserved = 20;
-    static constexpr size_t OldName = 24;
+struct HgfsRenameRequestV3 : HgfsRenameRequestV2 {
     static constexpr size_t MinimumSize = OldName + 2 * HgfsNameV3::EmptySize;
 };
 
@@ -438,8 +418,7 @@ struct HgfsReadReplyV1 {
     static constexpr size_t ActualSize = 8;
     static constexpr size_t Data = 12;
 };
-struct HgfsReadReplyV3 {
-    static constexpr size_t ActualSize = 8;
+struct HgfsReadReplyV3 : HgfsReadReplyV1 {
     static constexpr size_t Reserved = 12;
     static constexpr size_t Data = 20;
 };

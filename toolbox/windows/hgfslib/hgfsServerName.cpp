@@ -81,7 +81,6 @@ uint32_t Delete(std::span<const uint8_t> packet, HgfsSession* session,
 }
 
 HgfsTargetLayout RenameLayout(HgfsOp op) {
-    static_assert(HgfsRenameRequestV2::OldName == HgfsRenameRequestV3::OldName);
     if (kHgfsOps[op].version == 1) {
         return {0, 0, HgfsRenameRequestV1::OldName};
     }
