@@ -1,4 +1,5 @@
-// Names: whatever converts is a path that comes back as the name it was made of, in any room.
+// Names: whatever converts is a path that Windows can hold and that comes back as the name it was made of, in
+// any room.
 #include "hgfslib/cpName.h"
 #include "hgfslib/hgfsEscape.h"
 #include "support/diagCapture.h"
@@ -41,6 +42,7 @@ void ConvertAndBack(const std::string& name, size_t room) {
     }
     Check(path.front() == '\\' && path.find('\0') == std::string::npos);
     path.erase(0, 1);
+    Check(path.find_first_of("/*?:\"<>|") == std::string::npos);
     std::ranges::replace(path, '\\', '\0');
     ptrdiff_t length = HgfsEscape_Reverse(path.data(), path.size());
     Check(length >= 0);

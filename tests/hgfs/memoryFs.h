@@ -1,5 +1,6 @@
 // A file system in memory behind the file server's platform table, with knobs for faults that a real one does
-// not produce on demand. One per process.
+// not produce on demand. It has names, contents and attributes, but hardly any of the rules by which a real
+// one refuses requests. One per process.
 #pragma once
 
 #include "hgfslib/hgfsPlatform.h"
@@ -11,17 +12,9 @@
 #include <vector>
 
 struct MemoryFile {
-    std::string name; // as it is spelled in its directory
-    uint64_t index = 0;
-    uint32_t attributes = 0;
+    std::string name;    // as it is spelled in its directory
+    HgfsFileInfo info{}; // all but the sizes
     std::vector<uint8_t> data;
-    uint64_t creationTime = 0;
-    uint64_t accessTime = 0;
-    uint64_t writeTime = 0;
-    uint64_t changeTime = 0;
-    std::string linkTarget; // a link to somewhere else
-    bool moreStreams = false;
-    bool held = false; // by another process, which shares it with nobody
 };
 
 struct MemoryVolume {

@@ -48,6 +48,10 @@ private:
     std::span<const uint8_t> bytes_;
 };
 
+bool IsOpen(HgfsOp op) {
+    return op == HgfsOpOpen || op == HgfsOpOpenV2 || op == HgfsOpOpenV3;
+}
+
 class Storm {
 public:
     Storm(std::span<const uint8_t> bytes, const std::string& directory, PacketStorm_Counts* counts)
@@ -63,35 +67,28 @@ public:
 
 private:
     std::string PickName() {
-        static const std::array<const char*, 14> kNames = {"a",       "A",   "b",    "dir",     "dir/a",
-                                                           "dir/b/c", "con", "x:y",  "dir/x.",  "50%",
-                                                           "b/a",     "..",  "\xFF", "\xC3\xA4"};
+        using namespace std::string_literals;
+        static const std::array<std::string, 14> kBelow = {"a",          "A",   "b",    "dir",      "dir\0a"s,
+                                                           "dir\0b\0c"s, "con", "x:y",  "dir\0x."s, "50%",
+                                                           "b\0a"s,      "..",  "\xFF", "\xC3\xA4"};
+        static const std::array<std::string, 4> kElsewhere = {"", "root", "root\0drive"s,
+                                                              "ROOT\0unc\0nobody\0share\0f"s};
+        const std::string below = directory_ + '\0';
         const uint8_t pick = choices_.U8();
         if (pick < 192) {
-            std::string name = directory_;
-            name += '\0';
-            for (const char* c = kNames[pick % kNames.size()]; *c != '\0'; ++c) {
-                name += *c == '/' ? '\0' : *c;
-            }
-            return name;
+            return below + kBelow[pick % kBelow.size()];
         }
         switch (pick % 8) {
-        case 0:
-            return "";
-        case 1:
-            return "root";
-        case 2:
-            return std::string("root\0drive", 10);
-        case 3:
-            return std::string("ROOT\0unc\0nobody\0share\0f", 23);
         case 4:
             return directory_;
         case 5:
-            return directory_ + '\0' + std::string(choices_.U16() % 7000, 'n');
+            return below + std::string(choices_.U16() % 7000, 'n');
         case 6:
-            return directory_ + '\0' + choices_.Text();
-        default:
+            return below + choices_.Text();
+        case 7:
             return choices_.Text();
+        default:
+            return kElsewhere[pick % 4];
         }
     }
 
@@ -105,11 +102,10 @@ private:
         HgfsPackets_Request request;
         request.op = static_cast<HgfsOp>(choices_.U8() % HgfsOpCount);
         request.id = static_cast<uint32_t>(counts_->packets);
-        const bool open =
-            request.op == HgfsOpOpen || request.op == HgfsOpOpenV2 || request.op == HgfsOpOpenV3;
         const uint8_t mask = choices_.U8();
-        request.mask =
-            open ? (mask < 200 ? kHgfsMaskOpenV1 | uint64_t{mask} << 4 : choices_.Number()) : mask % 4;
+        request.mask = !IsOpen(request.op) ? mask % 4
+                       : mask < 200        ? kHgfsMaskOpenV1 | uint64_t{mask} << 4
+                                           : choices_.Number();
         request.handle = PickHandle();
         request.name = PickName();
         request.mode = choices_.U8() % 9;
@@ -121,7 +117,7 @@ private:
         request.index = request.size / 100;
         request.writeFlags = choices_.U8() % 4 == 0;
         request.data = kData.substr(0, choices_.U8() * 250u);
-        if (open) {
+        if (IsOpen(request.op)) {
             request.desiredAccess = static_cast<uint32_t>(choices_.Number());
             request.shareAccess = choices_.U8() % 8;
         }
@@ -168,50 +164,50 @@ private:
         size_t size = packet.size();
         HgfsServer_HandlePacket(packet.data(), reply.data(), &size);
         ++counts_->packets;
-        Check(packet, {reply.data(), size});
-    }
-
-    void Check(const std::vector<uint8_t>& packet, std::span<const uint8_t> reply) {
-        if (packet.empty()) {
-            Expect(reply.empty(), "an empty packet has no answer", packet);
-            return;
-        }
-        Expect(reply.size() >= kHgfsHeaderSize, "every packet is answered", packet);
-        HgfsPacketReader request(packet);
-        if (packet.size() >= 4) {
-            Expect(HgfsPacketReader(reply).U32(HgfsReplyHeader::Id) == request.U32(HgfsRequestHeader::Id),
-                   "the answer has the request's id", packet);
-        }
-        const uint32_t status = HgfsPacketReader(reply).U32(HgfsReplyHeader::Status);
-        Expect(status <= HgfsStatusNotSameDevice && status != HgfsStatusOperationNotPermitted &&
-                   status != HgfsStatusNotDirectory && status != HgfsStatusNameTooLong,
-               "the status is one that the server gives", packet);
-        Expect(hgfsServer.session->references == 1, "no reference is kept", packet);
-        if (packet.size() < kHgfsHeaderSize || request.U32(HgfsRequestHeader::Op) >= HgfsOpCount) {
-            Expect(status == HgfsStatusProtocolError, "nonsense is a protocol error", packet);
-            return;
-        }
-        const HgfsOp op = HgfsRequestOp(packet);
-        HgfsPackets_Reply decoded;
-        Expect(HgfsPackets_Decode(op, reply, &decoded), "the answer has its operation's layout", packet);
-        if (status == HgfsStatusSuccess) {
-            ++counts_->successes;
-            if (op == HgfsOpOpen || op == HgfsOpOpenV2 || op == HgfsOpOpenV3 || op == HgfsOpSearchOpen ||
-                op == HgfsOpSearchOpenV3) {
-                handles_.push_back(decoded.handle);
-            }
-        }
-    }
-
-    void Expect(bool holds, const char* what, std::span<const uint8_t> packet) {
-        if (!holds) {
-            std::string text = what;
-            text += ", but not this one:";
+        if (const char* wrong = Check(packet, {reply.data(), size})) {
+            std::string text = wrong;
             for (uint8_t byte : packet) {
                 text += Str_Format(" %02x", static_cast<unsigned>(byte));
             }
             throw std::runtime_error(text);
         }
+    }
+
+    // What is wrong with the answer, null for nothing.
+    const char* Check(std::span<const uint8_t> packet, std::span<const uint8_t> reply) {
+        if (packet.empty()) {
+            return reply.empty() ? nullptr : "an empty packet has an answer";
+        }
+        if (reply.size() < kHgfsHeaderSize) {
+            return "a packet has no answer:";
+        }
+        HgfsPackets_Reply decoded;
+        decoded.id = HgfsPacketReader(reply).U32(HgfsReplyHeader::Id);
+        if (packet.size() >= 4 && decoded.id != HgfsPacketReader(packet).U32(HgfsRequestHeader::Id)) {
+            return "the answer has another id than the packet:";
+        }
+        const uint32_t status = HgfsPacketReader(reply).U32(HgfsReplyHeader::Status);
+        if (status > HgfsStatusNotSameDevice || status == HgfsStatusOperationNotPermitted ||
+            status == HgfsStatusNotDirectory || status == HgfsStatusNameTooLong) {
+            return "the status is none that the server gives:";
+        }
+        if (hgfsServer.session->references != 1) {
+            return "a reference to the session is kept:";
+        }
+        const HgfsOp op = packet.size() < kHgfsHeaderSize ? HgfsOpCount : HgfsRequestOp(packet);
+        if (op >= HgfsOpCount) {
+            return status == HgfsStatusProtocolError ? nullptr : "nonsense is not refused:";
+        }
+        if (!HgfsPackets_Decode(op, reply, &decoded)) {
+            return "the answer has not its operation's layout:";
+        }
+        if (status == HgfsStatusSuccess) {
+            ++counts_->successes;
+            if (IsOpen(op) || op == HgfsOpSearchOpen || op == HgfsOpSearchOpenV3) {
+                handles_.push_back(decoded.handle);
+            }
+        }
+        return nullptr;
     }
 
     static const std::string kContent;

@@ -64,19 +64,17 @@ bool HgfsNative_HasMoreStreams(std::span<const uint8_t> information) {
     return next != 0 || name != u"::$DATA";
 }
 
-bool HgfsNative_WalkNames(std::span<const uint8_t> information, HgfsNativeEntry entry, void* data) {
+void HgfsNative_WalkNames(std::span<const uint8_t> information, HgfsNativeEntry entry, void* data) {
     for (;;) {
         HgfsPacketReader reader(information);
         const uint32_t next = reader.U32(0);
         std::u16string name = Text(&reader, NamesRecord::Name, reader.U32(NamesRecord::NameLength));
         if (!reader.Ok()) {
-            return true;
+            return;
         }
-        if (!entry(data, name)) {
-            return false;
-        }
+        entry(data, name);
         if (next == 0 || next > information.size()) {
-            return true;
+            return;
         }
         information = information.subspan(next);
     }

@@ -15,10 +15,10 @@ std::u16string HgfsNative_Path(std::u16string_view path);
 // no streams at all unless it was given some.
 bool HgfsNative_HasMoreStreams(std::span<const uint8_t> information);
 
-// FileNamesInformation: calls `entry` for each name until it returns false. Stops at the first record that
-// does not lie within the buffer.
-using HgfsNativeEntry = bool (*)(void* data, std::u16string_view name);
-bool HgfsNative_WalkNames(std::span<const uint8_t> information, HgfsNativeEntry entry, void* data);
+// FileNamesInformation: calls `entry` for each name. Stops at the first record that does not lie within the
+// buffer.
+using HgfsNativeEntry = void (*)(void* data, std::u16string_view name);
+void HgfsNative_WalkNames(std::span<const uint8_t> information, HgfsNativeEntry entry, void* data);
 
 // A reparse point's data: where a symbolic link or mount point leads, as it would be shown, empty for
 // anything else.

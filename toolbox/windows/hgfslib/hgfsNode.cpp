@@ -58,15 +58,17 @@ uint32_t Reopen(HgfsSession* session, uint32_t index) {
     if (error != HgfsErrorNone) {
         return error;
     }
-    if (sequential) {
-        platform.setPosition(handle, node.position);
+    HgfsFileOwner file(handle);
+    if (node.position != 0) {
+        error = platform.setPosition(handle, node.position);
+        if (error != HgfsErrorNone) {
+            return error; // reading on from the start would be worse
+        }
     }
-    node.osHandle = handle;
     if (!HgfsServer_AdmitToCache(session, index)) {
-        node.osHandle = nullptr;
-        platform.close(handle);
         return HgfsErrorInvalidHandle;
     }
+    node.osHandle = file.Release();
     return HgfsErrorNone;
 }
 

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // The Windows errors that the server itself gives out or looks for.
@@ -112,6 +113,8 @@ struct HgfsFileChange {
     uint64_t changeTime;
 };
 
+using HgfsEntryCallback = void (*)(void* data, std::string_view name);
+
 struct HgfsPlatform {
     // Bracket all other calls. A failed startUp leaves nothing to shut down.
     uint32_t (*startUp)();
@@ -149,10 +152,9 @@ struct HgfsPlatform {
     uint32_t (*deleteDirectory)(const std::string& path);
     uint32_t (*rename)(const std::string& from, const std::string& to);
 
-    // Calls `entry` for every name in a directory except "." and "..", in the order of the file system, until
-    // it returns false. Names that UTF-8 cannot carry are left out.
-    uint32_t (*listDirectory)(const std::string& path, bool (*entry)(void* data, std::string_view name),
-                              void* data);
+    // Calls `entry`, which may throw, for every name in a directory except "." and "..", in the order of the
+    // file system. Names that UTF-8 cannot carry are left out.
+    uint32_t (*listDirectory)(const std::string& path, HgfsEntryCallback entry, void* data);
 
     // The roots of all volumes that the machine has at this moment.
     uint32_t (*listVolumes)(std::vector<std::string>* roots);

@@ -32,14 +32,23 @@ static_assert(kHandlers[HgfsOpSearchReadV2] == HgfsServerSearchRead &&
               kHandlers[HgfsOpRenameV2] == HgfsServerRename);
 static_assert(kHandlers[HgfsOpQueryVolumeInfoV3] == HgfsServerQueryVolume);
 
-// Runs the handler of a packet that is long enough for its header.
+// Runs the handler of a packet that is as long as its operation asks for. Its failure is logged in here
+// because memory for that may be short, too.
 uint32_t CallHandler(std::span<const uint8_t> packet, HgfsSession* session) {
-    uint32_t op = HgfsRequestOp(packet);
+    if (packet.size() < kHgfsHeaderSize) {
+        return HgfsErrorProtocol;
+    }
+    const HgfsOp op = HgfsRequestOp(packet);
     if (op >= HgfsOpCount || packet.size() < kHgfsOps[op].minimumSize) {
         return HgfsErrorProtocol;
     }
     try {
-        return kHandlers[op](packet, session);
+        const uint32_t error = kHandlers[op](packet, session);
+        if (error != HgfsErrorNone) {
+            Debug("HgfsServer: %s failed, error %u\n", kHgfsOps[op].name.data(),
+                  static_cast<unsigned>(error));
+        }
+        return error;
     } catch (const std::bad_alloc&) {
         return HgfsErrorInternal;
     }
@@ -116,7 +125,7 @@ void HgfsServer_ReceivePacket(std::span<const uint8_t> packet, HgfsSession* sess
         }
     }
     ++session->references;
-    uint32_t error = packet.size() < kHgfsHeaderSize ? HgfsErrorProtocol : CallHandler(packet, session);
+    const uint32_t error = CallHandler(packet, session);
     if (error == HgfsErrorNone) {
         return;
     }

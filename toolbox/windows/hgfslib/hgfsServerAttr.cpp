@@ -81,7 +81,6 @@ HgfsFileChange ReadChangeV1(HgfsPacketReader* reader) {
 // Versions 2 and 3 have the block in the same place.
 HgfsFileChange ReadChangeV2(HgfsPacketReader* reader) {
     constexpr size_t kBlock = HgfsSetattrRequestV2::Attributes;
-    static_assert(kBlock == HgfsSetattrRequestV3::Attributes);
     const uint64_t mask = reader->U64(kBlock + HgfsAttrV2::Mask);
     auto time = [&](uint64_t flag, size_t field) { return (mask & flag) ? reader->U64(kBlock + field) : 0; };
     HgfsFileChange change{};
@@ -150,6 +149,9 @@ HgfsReply HgfsServerNewAttributesReply(HgfsOp op, const HgfsFileInfo* info, std:
                         : version == 2 ? HgfsGetattrReplyV2::Size
                                        : HgfsGetattrReplyV3::Size;
     const bool named = version != 1 || entry;
+    if (name.size() > kHgfsPacketMax - size) {
+        name = {}; // a link's target, which may be as long as the system likes
+    }
     HgfsReply reply = HgfsServerNewReply(size + (named ? name.size() : 0));
     if (!reply) {
         return reply;

@@ -271,7 +271,7 @@ struct HgfsOpenFile {
 uint32_t HgfsServerAddNode(HgfsSession* session, HgfsNode fields, uint32_t* handle);
 
 // The open file behind a handle, reopened if the cache had closed it. HgfsErrorInvalidHandle for an unknown
-// one.
+// one. Opening, reopening or closing another node may close it again.
 uint32_t HgfsServerGetFile(HgfsSession* session, uint32_t handle, HgfsOpenFile* file);
 
 // Frees a node and closes its file. False for an unknown handle or a file that cannot be closed.
@@ -393,7 +393,7 @@ uint32_t HgfsServerReadTarget(HgfsPacketReader* reader, const HgfsTargetLayout& 
 uint32_t HgfsServerWindowsAttributes(uint64_t attributes);
 
 // The reply of get attributes and of search read: a block, zeros when `info` is null, and, except in version
-// 1 of get attributes, a name.
+// 1 of get attributes, a name, left out when it does not fit into an ordinary packet.
 HgfsReply HgfsServerNewAttributesReply(HgfsOp op, const HgfsFileInfo* info, std::string_view name);
 
 // ---- Directories (hgfsServerSearch.cpp) ----
@@ -413,7 +413,7 @@ struct HgfsOpenRequest {
     uint32_t desiredAccess = 0;
     uint32_t shareAccess = 0;
     uint32_t desiredLock = 0;
-    HgfsRequestName name;
+    HgfsRequestName name = {};
 };
 
 uint32_t HgfsServerUnpackOpen(std::span<const uint8_t> packet, HgfsOpenRequest* request);

@@ -1,8 +1,7 @@
 // Directory listings: opened with all their names, read entry by entry.
+#include "hgfslib/hgfsEscape.h"
 #include "hgfslib/hgfsServerInt.h"
 #include "misc/diag.h"
-
-#include "hgfslib/hgfsEscape.h"
 
 namespace {
 
@@ -15,23 +14,12 @@ void AddEntry(std::vector<std::string>* entries, std::string_view name) {
     entries->emplace_back(name);
 }
 
-struct Listing {
-    std::vector<std::string>* entries;
-    bool outOfMemory;
-};
-
-bool TakeEntry(void* data, std::string_view name) {
-    auto& listing = *static_cast<Listing*>(data);
+void TakeEntry(void* data, std::string_view name) {
     if (name.size() >= kHgfsEntryNameMax) {
         Debug("HgfsServerGetDents: Error: Name \"%s\" is too long.\n", std::string(name).c_str());
-        return true;
+        return;
     }
-    try {
-        AddEntry(listing.entries, name);
-    } catch (const std::bad_alloc&) {
-        listing.outOfMemory = true; // not thrown through the system's reader
-    }
-    return !listing.outOfMemory;
+    AddEntry(static_cast<std::vector<std::string>*>(data), name);
 }
 
 std::string EntryPath(std::string directory, std::string_view entry) {
@@ -58,13 +46,9 @@ uint32_t HgfsServerGetDents(const std::string& directory, std::vector<std::strin
     std::vector<std::string> found;
     AddEntry(&found, ".");
     AddEntry(&found, "..");
-    Listing listing = {&found, false};
-    uint32_t error = hgfsServer.platform->listDirectory(directory, TakeEntry, &listing);
+    uint32_t error = hgfsServer.platform->listDirectory(directory, TakeEntry, &found);
     if (error != HgfsErrorNone) {
         return error;
-    }
-    if (listing.outOfMemory) {
-        return HgfsErrorNotEnoughMemory;
     }
     found.shrink_to_fit();
     *entries = std::move(found);

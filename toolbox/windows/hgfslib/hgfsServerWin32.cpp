@@ -529,22 +529,22 @@ uint32_t Rename(const std::string& from, const std::string& to) {
 // ---- Directories ----
 
 struct Listing {
-    bool (*entry)(void* data, std::string_view name);
+    HgfsEntryCallback entry;
     void* data;
 };
 
 // Hands one name of the native reader on.
-bool PassEntry(void* data, std::u16string_view name) {
-    const auto& listing = *static_cast<Listing*>(data);
+void PassEntry(void* data, std::u16string_view name) {
     if (name == u"." || name == u"..") {
-        return true;
+        return;
     }
     auto narrow = Unicode_FromWide(std::wstring(name.begin(), name.end()));
     if (!narrow) {
         Debug("HgfsServer: a directory entry whose name is not Unicode is left out\n");
-        return true;
+        return;
     }
-    return listing.entry(listing.data, *narrow);
+    const auto& listing = *static_cast<Listing*>(data);
+    listing.entry(listing.data, *narrow);
 }
 
 uint32_t OpenDirectory(const std::string& path, FileHandle* directory) {
@@ -578,8 +578,7 @@ uint32_t OpenDirectory(const std::string& path, FileHandle* directory) {
     return ErrorOf(status);
 }
 
-uint32_t ListDirectory(const std::string& path, bool (*entry)(void* data, std::string_view name),
-                       void* data) {
+uint32_t ListDirectory(const std::string& path, HgfsEntryCallback entry, void* data) {
     FileHandle directory;
     uint32_t error = OpenDirectory(path, &directory);
     if (error != ERROR_SUCCESS) {
@@ -600,10 +599,10 @@ uint32_t ListDirectory(const std::string& path, bool (*entry)(void* data, std::s
             return ErrorOf(status);
         }
         size_t filled = std::min<size_t>(io.Information, kBufferSize);
-        if (!HgfsNative_WalkNames({reinterpret_cast<const uint8_t*>(buffer.get()), filled}, PassEntry,
-                                  &listing)) {
-            return ERROR_SUCCESS;
+        if (filled == 0) {
+            return ERROR_SUCCESS; // a file system that never says "no more" ends here
         }
+        HgfsNative_WalkNames({reinterpret_cast<const uint8_t*>(buffer.get()), filled}, PassEntry, &listing);
     }
 }
 
