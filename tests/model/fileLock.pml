@@ -11,10 +11,9 @@
  *   REUSE      numbers are drawn from fewer than there are locks, so that one may be drawn again while somebody
  *              still waits for its last holder, or clears up behind it
  *   SLOW       a living locker may be held up in the doorway for so long that it is taken for dead
- *   LISTINGS   1: the members come from the listing that showed no doorway, not from one after it
- * The file system may be one of several kinds:
- *   LISTING    0: a listing is a snapshot; 1: names one by one, in their order; 2: members before doorways;
- *              3: names at once, of which those are left out that are gone when each is looked at
+ *   LISTING    0: a listing is a snapshot; 1: names one by one, doorways first; 2: members before doorways;
+ *              3: all names at once, of which those are left out that are gone when each is looked at
+ *   LOOKS      1: members are taken from the listing that found the doorway empty, not from one made after it
  *   IGNORE     a locker does not look whether its own entry directory was still there to be removed
  * Left out: the lock directory itself, which comes and goes around all this, and the waiting time, which only ever
  * gives up.
@@ -37,8 +36,8 @@
 #ifndef LISTING
 #define LISTING 0
 #endif
-#ifndef LISTINGS
-#define LISTINGS 2
+#ifndef LOOKS
+#define LOOKS 2
 #endif
 #ifndef IGNORE
 #define IGNORE 0
@@ -140,6 +139,30 @@ inline readMember() {
         :: else -> readTicket = 0; readExclusive = false; readOwner = NONE
         fi
     }
+}
+
+/* Looks until the doorway is empty. A dead locker's entry directory is cleared after a time. */
+inline lookAtDoorway() {
+    MAY_DIE;
+    list();
+    do
+    :: k < NUMBERS && seenDir[k] ->
+        if
+        :: !entryDir[k]
+        :: entryDir[k] && (SLOW || !alive[entryOwner[k]]) ->
+            MAY_DIE;
+            member[k] = false;
+            MAY_DIE;
+            entryFile[k] = false;
+            MAY_DIE;
+            entryDir[k] = false
+        fi;
+        forget();
+        goto scan
+    :: atomic { k < NUMBERS && !seenDir[k] -> k++ }
+    :: k == NUMBERS -> break
+    od;
+    k = 0
 }
 
 inline enter() {
@@ -254,37 +277,11 @@ claim:
     fi;
 
 scan:
-    MAY_DIE;
-    list();
-    do
-    :: k < NUMBERS && seenDir[k] ->
-        /* Looks again until it is empty. A dead locker's is cleared after a time. */
-        if
-        :: !entryDir[k]
-        :: entryDir[k] && (SLOW || !alive[entryOwner[k]]) ->
-            MAY_DIE;
-            member[k] = false;
-            MAY_DIE;
-            entryFile[k] = false;
-            MAY_DIE;
-            entryDir[k] = false
-        fi;
-        forget();
-        goto scan
-    :: atomic { k < NUMBERS && !seenDir[k] -> k++ }
-    :: k == NUMBERS -> break
-    od;
-#if LISTINGS == 2
-    MAY_DIE;
+    lookAtDoorway();
+#if LOOKS == 2
     forget();
-    list();
-    do
-    :: k < NUMBERS && seenDir[k] -> forget(); goto scan
-    :: atomic { k < NUMBERS && !seenDir[k] -> k++ }
-    :: k == NUMBERS -> break
-    od;
+    lookAtDoorway();
 #endif
-    k = 0;
     do
     :: k < NUMBERS && seenMember[k] && k != number ->
         MAY_DIE;
