@@ -83,6 +83,10 @@ class Program:
     env: dict = dataclasses.field(default_factory=dict)
 
     @property
+    def key(self):
+        return f"{self.ring} {self.name}"
+
+    @property
     def log(self):
         return LOGS / self.ring / f"{self.name}.log"
 
@@ -248,10 +252,7 @@ def programs(ring, options):
             found = fuzz_programs(options)
         case _:
             found = gtest_programs(ring, options)
-    chosen = [program for program in found if not options.names or any(name in program.name for name in options.names)]
-    # The longest first, so that none runs alone at the end; a new one may be long.
-    took = read_seconds()
-    return sorted(chosen, key=lambda program: -took.get(f"{ring} {program.name}", 1e9))
+    return [program for program in found if not options.names or any(name in program.name for name in options.names)]
 
 
 def read_seconds():
@@ -259,10 +260,6 @@ def read_seconds():
         return json.loads(SECONDS.read_text())
     except (OSError, ValueError):
         return {}
-
-
-def note_seconds(took):
-    SECONDS.write_text(json.dumps(read_seconds() | took, indent=1, sort_keys=True))
 
 
 # The whole
@@ -295,28 +292,38 @@ def show_end(log):
     print("---", flush=True)
 
 
-def run_ring(ring, options, runner, total):
-    failure = build(ring)
-    if failure:
-        total.failed.append(failure)
-        return
-    chosen = programs(ring, options)
-    if not chosen:
-        print(f"{ring:8} has no such program" if options.names else f"{ring:8} has no program yet", flush=True)
+def choose(options, total):
+    """Builds the rings and gives the programs to run. What is left out by a failed build counts as a failure."""
+    chosen = []
+    for ring in options.rings:
+        failure = build(ring)
+        if failure:
+            total.failed.append(failure)
+            continue
+        found = programs(ring, options)
+        if not found:
+            print(f"{ring:8} has no such program" if options.names else f"{ring:8} has no program yet", flush=True)
+        chosen += found
+    return chosen
+
+
+def run(chosen, options, runner, total):
     if any(program.wine for program in chosen):
         wineprefix.template()
+    # The longest first, so that none runs alone at the end; a new one may take as long as it is allowed to.
+    took = read_seconds()
+    chosen = sorted(chosen, key=lambda program: -took.get(program.key, program.limit))
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         running = {pool.submit(runner.run, program): program for program in chosen}
-        took = {}
         try:
             for future in concurrent.futures.as_completed(running):
                 program, (result, seconds) = running[future], future.result()
-                took[f"{ring} {program.name}"] = round(seconds, 1)
+                took[program.key] = round(seconds, 1)
                 report(program, result, seconds, total)
-            note_seconds(took)
         except KeyboardInterrupt:
             runner.stop()
             raise
+    SECONDS.write_text(json.dumps(took, indent=1, sort_keys=True))
 
 
 def report(program, result, seconds, total):
@@ -335,8 +342,8 @@ def parse(arguments):
     parser.add_argument("--gtest_filter", metavar="PATTERN", help="only these tests of the GoogleTest programs")
     parser.add_argument("--fuzz-seconds", type=int, metavar="N",
                         help="fuzz each target for N seconds, and keep the inputs found for the next time")
-    parser.add_argument("-j", "--jobs", type=int, default=max(2, os.cpu_count() or 2),
-                        help="programs at a time (as many as there are processors, but at least 2)")
+    parser.add_argument("-j", "--jobs", type=int, default=(os.cpu_count() or 1) + 1,
+                        help="programs at a time (one more than there are processors, for some mostly wait)")
     options = parser.parse_args(arguments)
     options.rings = [ring for ring in RINGS if ring in options.what] or list(RINGS)
     options.names = [name for name in options.what if name not in RINGS]
@@ -364,8 +371,7 @@ def main(arguments):
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     start = time.monotonic()
     try:
-        for ring in options.rings:
-            run_ring(ring, options, runner, total)
+        run(choose(options, total), options, runner, total)
     except KeyboardInterrupt:
         total.failed.append("interrupted")
     if total.skipped:
