@@ -98,21 +98,21 @@ void ExpectClean(const LockWorld& world, const std::string& what) {
 }
 
 TEST(FileLockProtocol, OneLockerLeavesNothingBehind) {
-    LogCapture_Take();
-    DiagCapture_Take();
-    LockWorld world(0);
-    world.AddLocker(Locks(&world, "XSXS"));
-    world.RunAll();
-    ExpectClean(world, "alone");
-    EXPECT_LT(world.NowMs(), 1000u); // nothing was waited for
-    EXPECT_THAT(LogCapture_Take(), IsEmpty());
-    EXPECT_THAT(DiagCapture_Take().warning, IsEmpty());
+    for (bool exclusive : {false, true}) {
+        LockWorld world(0);
+        Meeting meeting = MeetIn(&world, exclusive, FILELOCK_TRY_ONCE);
+        EXPECT_EQ(meeting.error, HAD);
+        EXPECT_THAT(world.files, IsEmpty());
+        EXPECT_THAT(meeting.log, IsEmpty());
+        EXPECT_THAT(meeting.warnings, IsEmpty());
+    }
 }
 
 TEST(FileLockProtocol, ExcludesInEveryOrderOfSteps) {
     const std::vector<std::vector<std::string>> crowds = {
         {"XX", "XX"}, {"XS", "SX"}, {"XX", "XX", "XX"}, {"SX", "SS", "XS"}, {"S", "S", "X", "X"},
     };
+    bool together = false;
     for (const auto& crowd : crowds) {
         for (uint32_t seed = 0; seed < Schedules(60); seed++) {
             LockWorld world(seed);
@@ -121,30 +121,10 @@ TEST(FileLockProtocol, ExcludesInEveryOrderOfSteps) {
             }
             world.RunAll();
             ExpectClean(world, crowd[0] + "... seed " + std::to_string(seed));
+            together = together || world.HeldTogether();
         }
     }
-}
-
-TEST(FileLockProtocol, SharedLocksAreHeldTogether) {
-    bool together = false;
-    for (uint32_t seed = 0; seed < 20; seed++) {
-        LockWorld world(seed);
-        int inside = 0;
-        for (int locker = 0; locker < 2; locker++) {
-            world.AddLocker([&] {
-                int error = 0;
-                FileLock_Token* token = FileLock_Lock(WORLD_FILE, true, FOREVER, &error);
-                ASSERT_NE(token, nullptr);
-                together = ++inside == 2 || together;
-                world.Sleep(1000);
-                inside--;
-                EXPECT_EQ(FileLock_Unlock(WORLD_FILE, token), 0);
-            });
-        }
-        world.RunAll();
-        ExpectClean(world, "shared");
-    }
-    EXPECT_TRUE(together);
+    EXPECT_TRUE(together); // shared ones
 }
 
 // One locker dies at its n-th step, for every n that it gets to. Nobody else may suffer for longer than it

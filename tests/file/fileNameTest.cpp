@@ -1,131 +1,78 @@
 #include "file/file.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 namespace {
 
-struct SplitCase {
+struct NameCase {
     const char* name;
     const char* volume;
     const char* directory;
     const char* base;
+    const char* path; // volume and directory without trailing separators
+    const char* stripped;
 };
 
 // Written with "/"; every case is also run with "\\".
-constexpr SplitCase SPLIT_CASES[] = {
-    {"", "", "", ""},
-    {"x", "", "", "x"},
-    {"/", "", "/", ""},
-    {"a/b", "", "a/", "b"},
-    {"a/b/", "", "a/b/", ""},
-    {"a//b", "", "a//", "b"},
-    {"/dir/x", "", "/dir/", "x"},
-    {"C:", "C:", "", ""},
-    {"C:/", "C:", "/", ""},
-    {"C:/x", "C:", "/", "x"},
-    {"C:/dir/sub/x.txt", "C:", "/dir/sub/", "x.txt"},
-    {"C:x", "C:", "", ""}, // a base inside the volume is none
-    {"C:x/y", "C:", "x/", "y"},
-    {"/:", "/:", "", ""}, // any first character makes a drive
-    {"//", "", "//", ""},
-    {"///", "///", "", ""},
-    {"//server", "", "", "server"},
-    {"//server/", "//server/", "", ""},
-    {"//server/share", "//server/share", "", ""},
-    {"//server/share/", "//server/share", "/", ""},
-    {"//server/share/a/b.txt", "//server/share", "/a/", "b.txt"},
-    {"//?/C:/dir/x", "//?/C:", "/dir/", "x"},
-    {"/dir/trailing. ", "", "/dir/", "trailing. "},
-    {"/\xE2\x82\xAC/\xF0\x9F\x93\x81.txt", "", "/\xE2\x82\xAC/", "\xF0\x9F\x93\x81.txt"},
-    {"//\x82/share/x", "", "//\x82/share/", "x"}, // not a UNC head: the prefix is part of a broken character
+constexpr NameCase CASES[] = {
+    {"", "", "", "", "", ""},
+    {"x", "", "", "x", "", "x"},
+    {"/", "", "/", "", "", "/"},
+    {"a/b/", "", "a/b/", "", "a/b", "a/b"},
+    {"/a///", "", "/a///", "", "/a", "/a"},
+    {"/dir//x", "", "/dir//", "x", "/dir", "/dir//x"},
+    {"C:", "C:", "", "", "C:", "C:"},
+    {"C://", "C:", "//", "", "C:", "C:/"},
+    {"C:/x", "C:", "/", "x", "C:", "C:/x"},
+    {"C:/dir/sub/x.txt", "C:", "/dir/sub/", "x.txt", "C:/dir/sub", "C:/dir/sub/x.txt"},
+    {"C:x", "C:", "", "", "C:", "C:"}, // a base inside the volume is none
+    {"C:x/y", "C:", "x/", "y", "C:x", "C:x/y"},
+    {"/:", "/:", "", "", "/:", "/:"}, // any first character makes a drive
+    {"//", "", "//", "", "", "/"},
+    {"///", "///", "", "", "", "///"},
+    {"//server", "", "", "server", "", "//server"},
+    {"//server/", "//server/", "", "", "//server", "//server/"},
+    {"//server/share", "//server/share", "", "", "//server/share", "//server/share"},
+    {"//server/share//", "//server/share", "//", "", "//server/share", "//server/share/"},
+    {"//server/share/a/b", "//server/share", "/a/", "b", "//server/share/a", "//server/share/a/b"},
+    {"//?/C:/dir/x", "//?/C:", "/dir/", "x", "//?/C:/dir", "//?/C:/dir/x"},
+    {"/\xE2\x82\xAC/\xF0\x9F\x93\x81", "", "/\xE2\x82\xAC/", "\xF0\x9F\x93\x81", "/\xE2\x82\xAC",
+     "/\xE2\x82\xAC/\xF0\x9F\x93\x81"},
+    {"//\x82/s/x", "", "//\x82/s/", "x", "//\x82/s", "//\x82/s/x"}, // no UNC head, but a broken character
 };
 
-std::string WithBackslashes(std::string text) {
-    for (char& character : text) {
-        character = character == '/' ? '\\' : character;
-    }
+std::string Spelled(std::string text, char separator) {
+    std::ranges::replace(text, '/', separator);
     return text;
 }
 
-using Transform = std::string (*)(std::string);
-constexpr Transform SPELLINGS[] = {[](std::string text) { return text; }, WithBackslashes};
-
-TEST(FileName, Splits) {
-    for (Transform spelling : SPELLINGS) {
-        for (const SplitCase& row : SPLIT_CASES) {
+TEST(FileName, ComesApart) {
+    for (char separator : {'/', '\\'}) {
+        for (const NameCase& row : CASES) {
+            const std::string name = Spelled(row.name, separator);
             std::string volume = "untouched";
             std::string directory = "untouched";
             std::string base = "untouched";
-            File_SplitName(spelling(row.name), &volume, &directory, &base);
-            EXPECT_EQ(volume, spelling(row.volume)) << row.name;
-            EXPECT_EQ(directory, spelling(row.directory)) << row.name;
-            EXPECT_EQ(base, spelling(row.base)) << row.name;
+            File_SplitName(name, &volume, &directory, &base);
+            EXPECT_EQ(volume, Spelled(row.volume, separator)) << name;
+            EXPECT_EQ(directory, Spelled(row.directory, separator)) << name;
+            EXPECT_EQ(base, Spelled(row.base, separator)) << name;
+            std::string path;
+            std::string baseOfPath;
+            File_GetPathName(name, &path, &baseOfPath);
+            EXPECT_EQ(path, Spelled(row.path, separator)) << name;
+            EXPECT_EQ(baseOfPath, base) << name;
+            EXPECT_EQ(File_StripSlashes(name), Spelled(row.stripped, separator)) << name;
         }
     }
 }
 
-TEST(FileName, SplitTakesMixedSeparatorsAndPartsNotAskedFor) {
-    std::string base;
-    File_SplitName("C:/a\\b/c", nullptr, nullptr, &base);
-    EXPECT_EQ(base, "c");
+TEST(FileName, TakesMixedSeparatorsAndPartsNotAskedFor) {
     std::string name = "\\\\server/share\\x";
     File_SplitName(name, &name, nullptr, nullptr);
     EXPECT_EQ(name, "\\\\server/share");
-}
-
-TEST(FileName, PathLosesEveryTrailingSeparator) {
-    struct {
-        const char* name;
-        const char* path;
-        const char* base;
-    } const cases[] = {
-        {"C:/x", "C:", "x"},
-        {"/dir/x", "/dir", "x"},
-        {"/dir//x", "/dir", "x"},
-        {"/x", "", "x"},
-        {"///", "", ""},
-        {"x", "", "x"},
-        {"C:/a/b/", "C:/a/b", ""},
-        {"//server/share/x", "//server/share", "x"},
-        {"//server", "", "server"},
-    };
-    for (Transform spelling : SPELLINGS) {
-        for (const auto& row : cases) {
-            std::string path;
-            std::string base;
-            File_GetPathName(spelling(row.name), &path, &base);
-            EXPECT_EQ(path, spelling(row.path)) << row.name;
-            EXPECT_EQ(base, spelling(row.base)) << row.name;
-        }
-    }
-}
-
-TEST(FileName, StripsSlashesButKeepsALoneOne) {
-    struct {
-        const char* name;
-        const char* stripped;
-    } const cases[] = {
-        {"", ""},
-        {"/", "/"},
-        {"//", "/"},
-        {"/a/", "/a"},
-        {"/a///", "/a"},
-        {"a", "a"},
-        {"/a/b", "/a/b"},
-        {"C:/", "C:/"},
-        {"C://", "C:/"},
-        {"C:/a//", "C:/a"},
-        {"C:", "C:"},
-        {"//server/share//", "//server/share/"},
-        {"//server", "//server"},
-        {"/a/*.*", "/a/*.*"},
-    };
-    for (Transform spelling : SPELLINGS) {
-        for (const auto& row : cases) {
-            EXPECT_EQ(File_StripSlashes(spelling(row.name)), spelling(row.stripped)) << row.name;
-        }
-    }
 }
 
 } // namespace

@@ -1,86 +1,17 @@
 #include "fileTestWin32.h"
 
-#include <aclapi.h>
-#include <shlobj.h>
-
-using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 namespace {
 
-class FileIsWritableDirTest : public FileWin32Test {
-protected:
-    void ExpectAnswer(bool answer, const std::string& warning) {
-        EXPECT_EQ(FileIsWritableDir(directory_.c_str()), answer);
-        if (warning.empty()) {
-            EXPECT_THAT(DiagCapture_Take().warning, IsEmpty());
-        } else {
-            EXPECT_THAT(DiagCapture_Take().warning, ElementsAre("FILE: FileIsWritableDir: " + warning));
-        }
-        HANDLE token = nullptr; // nobody is left impersonated
-        EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token));
-    }
-};
-
-template <DWORD Error>
-BOOL WINAPI NoToken(HANDLE, DWORD, BOOL, PHANDLE) {
-    SetLastError(Error);
+BOOL WINAPI NoTokenEither(HANDLE, DWORD, BOOL, PHANDLE) {
+    // For the second question the thread is somebody.
+    HANDLE token = nullptr;
+    SetLastError(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token) ? ERROR_CANT_OPEN_ANONYMOUS
+                                                                                : ERROR_NO_TOKEN);
+    KernelHandle closed(token);
     return FALSE;
-}
-
-int tokenCalls;
-
-BOOL WINAPI NoTokenTheSecondTime(HANDLE, DWORD, BOOL, PHANDLE) {
-    SetLastError(tokenCalls++ == 0 ? ERROR_NO_TOKEN : ERROR_CANT_OPEN_ANONYMOUS);
-    return FALSE;
-}
-
-TEST_F(FileIsWritableDirTest, ADirectoryOfOursIs) {
-    ExpectAnswer(true, "");
-}
-
-TEST_F(FileIsWritableDirTest, WhatIsNoDirectoryIsNot) {
-    WriteFileText("file", "");
-    EXPECT_FALSE(FileIsWritableDir(Name("file").c_str()));
-    EXPECT_FALSE(FileIsWritableDir(Name("missing").c_str()));
-    EXPECT_FALSE(FileIsWritableDir(nullptr));
-    EXPECT_THAT(DiagCapture_Take().warning, IsEmpty());
-}
-
-TEST_F(FileIsWritableDirTest, WithoutSecurityEverythingIs) {
-    fileWin32Calls.openThreadToken = NoToken<ERROR_CALL_NOT_IMPLEMENTED>;
-    ExpectAnswer(true, "");
-}
-
-TEST_F(FileIsWritableDirTest, ATokenThatCannotBeHadIsNamed) {
-    fileWin32Calls.openThreadToken = NoToken<ERROR_ACCESS_DENIED>;
-    ExpectAnswer(false, "Cannot get the thread access token (error 5).\n");
-    tokenCalls = 0;
-    fileWin32Calls.openThreadToken = NoTokenTheSecondTime;
-    ExpectAnswer(false, "Cannot get the process access token (error 1347).\n");
-    EXPECT_EQ(tokenCalls, 2);
-}
-
-TEST_F(FileIsWritableDirTest, AFailedImpersonationIsNamed) {
-    fileWin32Calls.openThreadToken = NoToken<ERROR_NO_TOKEN>;
-    fileWin32Calls.impersonateSelf = [](SECURITY_IMPERSONATION_LEVEL level) -> BOOL {
-        EXPECT_EQ(level, 2);
-        SetLastError(ERROR_BAD_IMPERSONATION_LEVEL);
-        return FALSE;
-    };
-    ExpectAnswer(false, "Unable to impersonate self (error 1346).\n");
-}
-
-TEST_F(FileIsWritableDirTest, AnUnreadableDescriptorIsNamedWithTheDirectory) {
-    fileWin32Calls.getFileSecurity = [](LPCWSTR, SECURITY_INFORMATION asked, PSECURITY_DESCRIPTOR, DWORD,
-                                        LPDWORD) -> BOOL {
-        EXPECT_EQ(asked, 7u);
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    };
-    ExpectAnswer(false, "Cannot get the directory's security descriptor.Directory is \"" + directory_ +
-                            "\", error is 5.\n");
 }
 
 BOOL WINAPI EverGrowing(LPCWSTR, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR, DWORD size, LPDWORD needed) {
@@ -89,14 +20,7 @@ BOOL WINAPI EverGrowing(LPCWSTR, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR, DWO
     return FALSE;
 }
 
-TEST_F(FileIsWritableDirTest, ADescriptorThatKeepsGrowingIsGivenUp) {
-    fileWin32Calls.getFileSecurity = EverGrowing;
-    ExpectAnswer(false, "Cannot get the directory's security descriptor.Directory is \"" + directory_ +
-                            "\", error is 122.\n");
-}
-
-BOOL WINAPI NobodysDirectory(LPCWSTR, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR buffer, DWORD size,
-                             LPDWORD needed) {
+BOOL WINAPI Nobodys(LPCWSTR, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR buffer, DWORD size, LPDWORD needed) {
     *needed = sizeof(SECURITY_DESCRIPTOR);
     if (size < *needed) {
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
@@ -105,36 +29,68 @@ BOOL WINAPI NobodysDirectory(LPCWSTR, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR
     return InitializeSecurityDescriptor(buffer, SECURITY_DESCRIPTOR_REVISION);
 }
 
-TEST_F(FileIsWritableDirTest, ADirectoryWithoutOwnerAndGroupIs) {
-    fileWin32Calls.getFileSecurity = NobodysDirectory;
-    fileWin32Calls.accessCheck = nullptr; // not asked
-    ExpectAnswer(true, "");
-}
-
 BOOL WINAPI Refuse(PSECURITY_DESCRIPTOR, HANDLE, DWORD desired, PGENERIC_MAPPING mapping, PPRIVILEGE_SET,
-                   LPDWORD privilegesSize, LPDWORD, LPBOOL status) {
+                   LPDWORD, LPDWORD, LPBOOL status) {
     EXPECT_EQ(desired, 0x120116u);
-    EXPECT_EQ(mapping->GenericRead, 0x120089u);
-    EXPECT_EQ(mapping->GenericWrite, 0x120116u);
-    EXPECT_EQ(mapping->GenericExecute, 0x1200A0u);
     EXPECT_EQ(mapping->GenericAll, 0x1201BFu);
-    EXPECT_EQ(*privilegesSize, 20u);
     *status = FALSE;
     return TRUE;
 }
 
-TEST_F(FileIsWritableDirTest, TheAccessCheckDecides) {
-    fileWin32Calls.accessCheck = Refuse;
-    ExpectAnswer(false, "");
-    fileWin32Calls.accessCheck = [](PSECURITY_DESCRIPTOR, HANDLE, DWORD, PGENERIC_MAPPING, PPRIVILEGE_SET,
-                                    LPDWORD, LPDWORD, LPBOOL) -> BOOL {
-        SetLastError(ERROR_INVALID_SECURITY_DESCR);
-        return FALSE;
+TEST_F(FileWin32Test, WhetherADirectoryIsWritable) {
+    const std::string directory = Name("\xC3\xA4\xE2\x82\xAC");
+    ASSERT_TRUE(File_CreateDirectory(directory.c_str()));
+    const std::string unreadable =
+        "Cannot get the directory's security descriptor.Directory is \"" + directory + "\", error is ";
+    const FileWin32Calls real = fileWin32Calls;
+    struct {
+        void (*replace)();
+        bool answer;
+        std::string warning;
+    } const cases[] = {
+        {[] {}, true, ""},
+        {[] { FailWith<ERROR_CALL_NOT_IMPLEMENTED>(&fileWin32Calls.openThreadToken); }, true, ""},
+        {[] { FailWith<ERROR_ACCESS_DENIED>(&fileWin32Calls.openThreadToken); }, false,
+         "Cannot get the thread access token (error 5).\n"},
+        {[] { fileWin32Calls.openThreadToken = NoTokenEither; }, false,
+         "Cannot get the process access token (error 1347).\n"},
+        {[] { FailWith<ERROR_BAD_IMPERSONATION_LEVEL>(&fileWin32Calls.impersonateSelf); }, false,
+         "Unable to impersonate self (error 1346).\n"},
+        {[] { FailWith<ERROR_ACCESS_DENIED>(&fileWin32Calls.getFileSecurity); }, false, unreadable + "5.\n"},
+        {[] { fileWin32Calls.getFileSecurity = EverGrowing; }, false, unreadable + "122.\n"},
+        {[] {
+             fileWin32Calls.getFileSecurity = Nobodys;
+             fileWin32Calls.accessCheck = nullptr; // not asked
+         },
+         true, ""},
+        {[] { fileWin32Calls.accessCheck = Refuse; }, false, ""},
+        {[] { FailWith<ERROR_INVALID_SECURITY_DESCR>(&fileWin32Calls.accessCheck); }, false,
+         "Unable to check access rights (error 1338).\n"},
     };
-    ExpectAnswer(false, "Unable to check access rights (error 1338).\n");
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.warning);
+        row.replace();
+        EXPECT_EQ(FileIsWritableDir(directory.c_str()), row.answer);
+        fileWin32Calls = real;
+        std::vector<std::string> warnings;
+        if (!row.warning.empty()) {
+            warnings = {"FILE: FileIsWritableDir: " + row.warning};
+        }
+        EXPECT_THAT(DiagCapture_Take().warning, ElementsAreArray(warnings));
+        HANDLE token = nullptr; // nobody is left impersonated
+        EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token));
+    }
 }
 
-// The places that the system names, for the replaced calls.
+TEST_F(FileWin32Test, WhatIsNoDirectoryIsNotWritable) {
+    WriteFileText("file", "");
+    EXPECT_FALSE(FileIsWritableDir(Name("file").c_str()));
+    EXPECT_FALSE(FileIsWritableDir(Name("missing").c_str()));
+    EXPECT_FALSE(FileIsWritableDir(nullptr));
+    EXPECT_THAT(DiagCapture_Take().warning, IsEmpty());
+}
+
+// The places that the system names, for the replaced calls; empty ones it does not know.
 std::wstring systemTemp;
 std::wstring userFolder;
 
@@ -149,68 +105,48 @@ DWORD WINAPI GiveSystemTemp(DWORD size, LPWSTR buffer) {
 
 HRESULT GiveUserFolder(int folder, wchar_t* path) {
     EXPECT_EQ(folder, 0x801C);
-    if (userFolder.empty()) {
-        return E_FAIL;
-    }
     wcscpy(path, userFolder.c_str());
-    return S_OK;
+    return userFolder.empty() ? E_FAIL : S_OK;
 }
 
-class FileTmpDirTest : public FileWin32Test {
-protected:
-    FileTmpDirTest() {
-        fileWin32Calls.getTempPath = GiveSystemTemp;
-        fileWin32Calls.getFolderPath = GiveUserFolder;
-        systemTemp = WideText(directory_) + L"\\";
-        userFolder = WideName("user");
-        CreateDirectoryW(userFolder.c_str(), nullptr);
+TEST_F(FileWin32Test, TheFirstUsableTemporaryDirectoryIsTaken) {
+    fileWin32Calls.getTempPath = GiveSystemTemp;
+    fileWin32Calls.getFolderPath = GiveUserFolder;
+    ASSERT_TRUE(File_CreateDirectory(Name("system").c_str()));
+    ASSERT_TRUE(File_CreateDirectory(Name("user").c_str()));
+    SetEnvironmentVariableW(L"FILE_TEST_DIR", L"system");
+    struct {
+        std::wstring system;
+        std::wstring user;
+        std::optional<std::string> directory;
+    } const cases[] = {
+        {WideName("system\\"), WideName("user"), Name("system")},
+        {WideName("system"), L"", Name("system")},
+        {WideName("$FILE_TEST_DIR\\"), L"", Name("system")},
+        {WideName("missing\\"), WideName("user"), Name("user\\Temp")},
+        {L"", WideName("user"), Name("user\\Temp")},
+        {L"", WideName("missing"), std::nullopt},
+        {WideName("missing\\"), L"", std::nullopt},
+    };
+    for (const auto& row : cases) {
+        systemTemp = row.system;
+        userFolder = row.user;
+        EXPECT_EQ(File_GetTmpDir(true), row.directory);
+        std::vector<std::string> warnings;
+        if (!row.directory) {
+            warnings = {"FILE: File_GetTmpDir: Couldn't get a temporary directory\n"};
+        }
+        EXPECT_THAT(DiagCapture_Take().warning, ElementsAreArray(warnings));
     }
-};
-
-TEST_F(FileTmpDirTest, TheSystemsOneLosesItsSeparator) {
-    EXPECT_EQ(File_GetTmpDir(true), directory_);
-    EXPECT_EQ(File_GetTmpDir(false), directory_);
-    EXPECT_FALSE(File_Exists(Name("user\\Temp").c_str())); // only made when it is needed
-    systemTemp = WideText(directory_);
-    EXPECT_EQ(File_GetTmpDir(true), directory_);
-}
-
-TEST_F(FileTmpDirTest, TheUsersOneIsMadeWhenTheSystemsCannotBeUsed) {
-    for (const wchar_t* unusable : {L"C:\\missing\\", L""}) {
-        systemTemp = unusable;
-        EXPECT_EQ(File_GetTmpDir(true), Name("user\\Temp"));
-        EXPECT_TRUE(File_IsDirectory(Name("user\\Temp").c_str()));
-    }
-    EXPECT_THAT(DiagCapture_Take().warning, IsEmpty());
-}
-
-TEST_F(FileTmpDirTest, NoneIsAWarning) {
-    systemTemp = L"C:\\missing\\";
-    userFolder = L"C:\\missing";
-    EXPECT_EQ(File_GetTmpDir(true), std::nullopt);
-    EXPECT_THAT(DiagCapture_Take().warning,
-                ElementsAre("FILE: File_GetTmpDir: Couldn't get a temporary directory\n"));
-    userFolder.clear();
-    EXPECT_EQ(File_GetTmpDir(false), std::nullopt);
-}
-
-TEST_F(FileTmpDirTest, EnvironmentReferencesAreExpanded) {
-    ASSERT_TRUE(File_CreateDirectory(Name("expanded").c_str()));
-    SetEnvironmentVariableW(L"FILE_TEST_DIR", L"expanded");
-    systemTemp = WideName("$FILE_TEST_DIR") + L"\\";
-    EXPECT_EQ(File_GetTmpDir(true), Name("expanded"));
     SetEnvironmentVariableW(L"FILE_TEST_DIR", nullptr);
 }
 
 TEST_F(FileWin32Test, TheRealTemporaryDirectoriesCanBeHad) {
-    std::optional<std::string> system = File_GetTmpDir(true);
-    ASSERT_TRUE(system);
-    EXPECT_TRUE(File_IsDirectory(system->c_str()));
-    fileWin32Calls.getTempPath = [](DWORD, LPWSTR) -> DWORD { return 0; };
-    std::optional<std::string> user = File_GetTmpDir(true);
-    ASSERT_TRUE(user);
-    EXPECT_TRUE(File_IsDirectory(user->c_str()));
-    EXPECT_TRUE(user->ends_with("\\Temp"));
+    EXPECT_TRUE(File_IsDirectory(File_GetTmpDir(true).value_or("").c_str()));
+    FailWith<ERROR_NOT_ENOUGH_MEMORY>(&fileWin32Calls.getTempPath);
+    std::string user = File_GetTmpDir(true).value_or("");
+    EXPECT_TRUE(File_IsDirectory(user.c_str()));
+    EXPECT_TRUE(user.ends_with("\\Temp"));
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "fileTestWin32.h"
 
+#include "unicode/unicode.h"
+
 #include <fstream>
 #include <iterator>
 
@@ -95,7 +97,7 @@ FileWin32Test::FileWin32Test() : calls_(fileWin32Calls), processCalls_(fileProce
     std::filesystem::path path = NewDirectory();
     RemoveTree(L"\\\\?\\" + path.wstring()); // of an earlier run that was ended
     std::filesystem::create_directories(path);
-    directory_ = NarrowText(path.wstring());
+    directory_ = *Unicode_FromWide(path.wstring());
     DiagCapture_Take();
     LogCapture_Take();
 }
@@ -103,7 +105,7 @@ FileWin32Test::FileWin32Test() : calls_(fileWin32Calls), processCalls_(fileProce
 FileWin32Test::~FileWin32Test() {
     fileWin32Calls = calls_;
     fileProcessCalls = processCalls_;
-    RemoveTree(L"\\\\?\\" + WideText(directory_));
+    RemoveTree(L"\\\\?\\" + *Unicode_ToWide(directory_));
 }
 
 std::string FileWin32Test::Name(const std::string& name) const {
@@ -111,7 +113,7 @@ std::string FileWin32Test::Name(const std::string& name) const {
 }
 
 std::wstring FileWin32Test::WideName(const std::string& name) const {
-    return WideText(Name(name));
+    return *Unicode_ToWide(Name(name));
 }
 
 void FileWin32Test::WriteFileText(const std::string& name, const std::string& text) const {
@@ -123,20 +125,4 @@ void FileWin32Test::WriteFileText(const std::string& name, const std::string& te
 std::string FileWin32Test::ReadFileText(const std::string& name) const {
     std::ifstream file(std::filesystem::path(WideName(name)), std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-std::string NarrowText(const std::wstring& wide) {
-    int length = WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0,
-                                     nullptr, nullptr);
-    std::string narrow(static_cast<size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), narrow.data(), length,
-                        nullptr, nullptr);
-    return narrow;
-}
-
-std::wstring WideText(const std::string& narrow) {
-    int length = MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), nullptr, 0);
-    std::wstring wide(static_cast<size_t>(length), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), wide.data(), length);
-    return wide;
 }

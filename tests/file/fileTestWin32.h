@@ -44,6 +44,15 @@ private:
     std::unique_ptr<HelperProcess> helper_;
 };
 
+// Has a call of the table do nothing but fail.
+template <DWORD Error, intptr_t Answer = 0, typename Result, typename... Arguments>
+void FailWith(Result (**call)(Arguments...)) {
+    *call = [](Arguments...) -> Result {
+        SetLastError(Error);
+        return (Result)Answer;
+    };
+}
+
 class FileWin32Test : public ::testing::Test {
 protected:
     FileWin32Test();
@@ -62,7 +71,3 @@ private:
     FileWin32Calls calls_; // the real ones
     FileProcessCalls processCalls_;
 };
-
-// The system's own conversions, so that a test does not rest on the ones of the program.
-std::string NarrowText(const std::wstring& wide);
-std::wstring WideText(const std::string& narrow);

@@ -179,6 +179,7 @@ void LockWorld::Enter(bool exclusive) {
         }
     }
     CheckOvertaking(exclusive);
+    heldTogether_ = heldTogether_ || !holders_.empty();
     holders_.push_back({currentLocker, exclusive});
 }
 

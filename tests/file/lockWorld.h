@@ -67,6 +67,7 @@ public:
 
     uint64_t NowMs() const { return nowMs_; }
     const std::vector<std::string>& Violations() const { return violations_; }
+    bool HeldTogether() const { return heldTogether_; } // two shared locks, at some time
 
     // The file system. Names are full; a file in a directory that is not there cannot be made.
     struct Node {
@@ -116,5 +117,6 @@ private:
     uint32_t numberLimit_ = 0;
     uint32_t numbersDrawn_ = 0;
     std::vector<Holder> holders_;
+    bool heldTogether_ = false;
     std::vector<std::string> violations_;
 };
