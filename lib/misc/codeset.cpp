@@ -377,10 +377,10 @@ std::string CodeSet_LocalEncoding() {
 
 bool CodeSet_Convert(const char* inputEncoding, const void* input, size_t length, const char* outputEncoding,
                      CodeSet_Mode mode, std::string* output) {
-    CallbacksOf(mode); // stops at an impossible one, whatever the input
     if (input == nullptr || length == 0) {
         return true;
     }
+    CallbacksOf(mode); // stops at an impossible one
     const char* text = static_cast<const char*>(input);
     if (CodeSet_UsesIcu()) {
         return IcuConvert(inputEncoding, text, length, outputEncoding, mode, output);

@@ -36,8 +36,9 @@ void CodeSet_DisableIcu(); // for the rest of the run
 std::string CodeSet_LocalEncoding();
 
 // Converts `length` bytes and appends the result to *output, which a failure leaves as it was. No input at
-// all succeeds with nothing. False for an encoding that is not known, and in stop mode for text that is
-// invalid or that the target cannot express. A mode outside of the enumeration stops the program.
+// all succeeds with nothing, whatever else is asked for. False for an encoding that is not known, and in stop
+// mode for text that is invalid or that the target cannot express. A mode outside of the enumeration stops
+// the program.
 bool CodeSet_Convert(const char* inputEncoding, const void* input, size_t length, const char* outputEncoding,
                      CodeSet_Mode mode, std::string* output);
 

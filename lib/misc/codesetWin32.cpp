@@ -73,8 +73,11 @@ MappedView MapFile(const wchar_t* path) {
     if (!mapping) {
         return {};
     }
-    const void* view = MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, 0);
-    return {std::unique_ptr<const void, ViewUnmap>(view), static_cast<size_t>(size.QuadPart)};
+    std::unique_ptr<const void, ViewUnmap> view(MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, 0));
+    if (!view) {
+        return {};
+    }
+    return {std::move(view), static_cast<size_t>(size.QuadPart)};
 }
 
 // ICU trusts the tables in the file, so that a single wrong byte could lead it astray. Only the file that
