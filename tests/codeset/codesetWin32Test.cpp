@@ -34,9 +34,6 @@ protected:
         std::ifstream file(OwnData(), std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    void Write(const std::string& content) const {
-        std::ofstream(directory_ / CODESET_DATA_FILE, std::ios::binary) << content;
-    }
     std::string Directory() const {
         const std::u8string text = directory_.u8string();
         return {text.begin(), text.end()};
@@ -60,24 +57,18 @@ TEST_F(CodeSetWin32, CountsBadFilesAsAbsent) {
     ExpectNoIcu(Directory());
     ExpectNoIcu(Directory() + "\\missing");
     ExpectNoIcu("no \xFF text");
-    Write("");
-    ExpectNoIcu(Directory());
     const std::string good = OwnContent();
     ASSERT_GT(good.size(), 1000000U);
-    for (size_t at : {size_t{0}, size_t{20}, good.size() / 3, good.size() / 2, good.size() - 1}) {
-        std::string damaged = good;
-        damaged[at] = static_cast<char>(damaged[at] ^ 0x10);
-        Write(damaged);
+    std::vector<std::string> bad = {"", good.substr(0, good.size() - 1), good.substr(0, 4096), good + '\0',
+                                    std::string(good.size(), '\0')};
+    for (size_t at : {size_t{0}, size_t{20}, good.size() / 2, good.size() - 1}) {
+        bad.push_back(good);
+        bad.back()[at] ^= 0x10;
+    }
+    for (const std::string& content : bad) {
+        std::ofstream(directory_ / CODESET_DATA_FILE, std::ios::binary) << content;
         ExpectNoIcu(Directory());
     }
-    Write(good.substr(0, good.size() - 1));
-    ExpectNoIcu(Directory());
-    Write(good.substr(0, 4096));
-    ExpectNoIcu(Directory());
-    Write(good + '\0');
-    ExpectNoIcu(Directory());
-    Write(std::string(good.size(), '\0'));
-    ExpectNoIcu(Directory());
     fs::remove(directory_ / CODESET_DATA_FILE);
     fs::create_directory(directory_ / CODESET_DATA_FILE);
     ExpectNoIcu(Directory());
