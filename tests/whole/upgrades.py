@@ -68,8 +68,10 @@ class Guest:
     """Keeps the prefix awake while cases run in it: a guest that starts anew takes two seconds each time."""
 
     def __init__(self, prefix):
-        self.process = subprocess.Popen(["wine", "cmd"], env=wineprefix.environment(prefix), stdin=subprocess.PIPE,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        options = {"env": wineprefix.environment(prefix), "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        self.process = subprocess.Popen(["wine", "cmd"], stdin=subprocess.PIPE, **options)
+        # A program that is still starting when its guest is stopped hangs, so wait until one has run.
+        subprocess.run(["wine", "cmd", "/c", "exit"], stdin=subprocess.DEVNULL, timeout=120, check=False, **options)
 
     def __enter__(self):
         return self
@@ -77,7 +79,7 @@ class Guest:
     def __exit__(self, *_):
         self.process.stdin.close()  # the end of its input is the end of cmd
         try:
-            self.process.wait(30)
+            self.process.wait(5)
         except subprocess.TimeoutExpired:
             self.process.kill()
             self.process.wait()
