@@ -56,8 +56,8 @@ struct UpgraderData {
     bool rebootSuppressed = false;             // the installer was told not to ask for a restart
 };
 
-// Beside the record: one value that the system's console thread writes and one of the reboot prompt.
-// First console control event that is not 0 (1 break, 2 close, 5 log-off, 6 shutdown), else 0.
+// Beside the record: the first console control event that is not 0 (1 break, 2 close, 5 log-off, 6 shutdown),
+// else 0. The system's console thread writes it.
 extern std::atomic<uint32_t> upgraderConsoleSignal;
 // The reboot prompt's timer fired and posted a quit message.
 extern bool upgraderRebootPromptQuit;

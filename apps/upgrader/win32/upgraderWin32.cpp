@@ -173,7 +173,10 @@ void UpgraderLoop(UpgraderData* data) {
     // more.
     uint32_t signal = upgraderConsoleSignal;
     if (data->installerProcess && (signal == SIGNAL_NONE || signal == CTRL_BREAK_EVENT)) {
-        ProcMgr_Kill(data->installerProcess.get());
+        if (!ProcMgr_Kill(data->installerProcess.get())) {
+            DWORD error = GetLastError();
+            Log_Level(LOG_ALWAYS, "Could not end the installer, error %u", static_cast<unsigned>(error));
+        }
     }
     data->installerProcess.reset();
     if (!SetConsoleCtrlHandler(UpgraderCtrlHandler, FALSE)) {
