@@ -365,6 +365,14 @@ TEST(FileLockProtocol, NamesThatDoNotBelongThereAreRemoved) {
                                          "file name.\n"));
 }
 
+TEST(FileLockProtocol, AStrangerThatCannotBeRemovedEndsTheLock) {
+    Meeting meeting = Meet({{"directory", std::nullopt}}, 2500);
+    EXPECT_EQ(meeting.error, FILE_EACCES);
+    EXPECT_THAT(meeting.left, ElementsAre("directory"));
+    EXPECT_THAT(meeting.warnings, ElementsAre("FILE: RemoveLockingFile of 'C:\\f.lck\\directory' failed: "
+                                              "Permission denied\n"));
+}
+
 TEST(FileLockProtocol, ThereIsNoTicketAboveTheLast) {
     Meeting meeting = MeetMember("uuid=other 7 4294967295 X", 2500);
     EXPECT_EQ(meeting.error, FILE_ERANGE);
