@@ -1,5 +1,4 @@
-// Access lists and identifiers of any bytes: nothing is read outside of them, and what is appended is found
-// again.
+// Access lists and identifiers of any bytes: nothing outside is read, and what is appended is found again.
 #include "procMgr/procMgrAcl.h"
 
 #include <algorithm>

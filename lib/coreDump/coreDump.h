@@ -2,9 +2,8 @@
 //
 // The report has three parts: lines with the exception and the registers on the warning output, a symbolic
 // backtrace in the installer log, and a minidump in the user's roaming application-data folder. The system's
-// own handling follows, so the process still ends as it would have ended without the report. The two parts
-// that need dbghelp.dll load it when the first exception comes; where it is missing, the lines on the warning
-// output remain.
+// own handling follows, so the process still ends as it would have ended without the report. The latter two
+// need dbghelp.dll, which is loaded when the first exception comes; without it the lines alone remain.
 //
 // Everything here runs on the thread that calls it. The one-time set-up is guarded by plain flags: the filter
 // is expected to run once, on the thread that failed.

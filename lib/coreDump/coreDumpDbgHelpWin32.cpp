@@ -15,9 +15,9 @@ namespace {
 
 constexpr int NAME_NOT_UNICODE_LINE = 401;
 constexpr int MAX_FRAMES = 32;
-constexpr size_t MAX_SYMBOL_NAME = 512;  // characters of the wide form, bytes of the other
-constexpr size_t MAX_PATH_UNITS = 32768; // no Windows path is longer
-constexpr int MAX_HEADER_REGIONS = 64;   // regions of one module; each section is one, or a few
+constexpr size_t MAX_SYMBOL_NAME = 512; // characters of the wide form, bytes of the other
+constexpr DWORD MAX_PATH_UNITS = 32768; // no Windows path is longer
+constexpr int MAX_HEADER_REGIONS = 64;  // regions of one module; each section is one, or a few
 
 template <typename Function>
 bool Resolve(HMODULE module, const char* name, Function* function) {
@@ -62,19 +62,6 @@ bool LoadOnce(CoreDumpDbgHelp* help) {
     return true;
 }
 
-// Empty when the module has no file name.
-std::wstring ModuleFileName(HMODULE module) {
-    for (size_t units = MAX_PATH; units <= MAX_PATH_UNITS; units *= 2) {
-        std::wstring name(units, L'\0');
-        DWORD length = GetModuleFileNameW(module, name.data(), static_cast<DWORD>(units));
-        if (length < units) {
-            name.resize(length);
-            return name;
-        }
-    }
-    return {};
-}
-
 bool IsReadable(const MEMORY_BASIC_INFORMATION& region) {
     constexpr DWORD UNREADABLE = PAGE_NOACCESS | PAGE_GUARD | PAGE_EXECUTE;
     return region.State == MEM_COMMIT && (region.Protect & UNREADABLE) == 0;
@@ -109,7 +96,7 @@ std::string ModulePart(uint64_t address) {
         !region.AllocationBase) {
         return COREDUMP_NO_MODULE;
     }
-    const std::wstring file = ModuleFileName(static_cast<HMODULE>(region.AllocationBase));
+    const std::wstring file = CoreDumpModuleFileName(static_cast<HMODULE>(region.AllocationBase));
     if (file.empty()) {
         return COREDUMP_NO_MODULE;
     }
@@ -169,6 +156,12 @@ bool CoreDumpLoadDbgHelp() {
         coreDumpDbgHelp.succeeded = LoadOnce(&coreDumpDbgHelp);
     }
     return coreDumpDbgHelp.succeeded;
+}
+
+std::wstring CoreDumpModuleFileName(HMODULE module) {
+    std::wstring name(MAX_PATH_UNITS, L'\0');
+    name.resize(GetModuleFileNameW(module, name.data(), MAX_PATH_UNITS));
+    return name;
 }
 
 std::optional<std::string> CoreDumpSymbolName(uint64_t address, bool includeModule) {

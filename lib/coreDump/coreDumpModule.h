@@ -17,6 +17,5 @@ struct CoreDumpSection {
 
 // `headers` starts at the module's base and ends where memory stops being readable; `offset` counts from the
 // base. None when the headers are no module's, when they or the section table leave the span, or when no
-// section contains the offset. A section extends over the larger of its size in memory and its size in the
-// file.
+// section contains the offset. A section extends over the larger of its sizes in memory and in the file.
 std::optional<CoreDumpSection> CoreDumpFindSection(std::span<const uint8_t> headers, uint64_t offset);

@@ -24,7 +24,6 @@ constexpr int NO_SLOT_LINE = 723;
 // KB for each context. Address space only; memory comes behind it when it is touched.
 constexpr ULONG RESERVED_STACK_BYTES = 128 * 1024;
 constexpr uint32_t DEFAULT_DUMP_TYPE = MiniDumpWithDataSegs | MiniDumpWithHandleData;
-constexpr DWORD MODULE_PATH_UNITS = MAX_PATH;
 
 DWORD entrySlot = TLS_OUT_OF_INDEXES; // thread-local: how often the filter was entered
 bool initialized = false;
@@ -49,12 +48,6 @@ std::optional<std::string> AppDataDirectory() {
         return std::nullopt;
     }
     return Unicode_FromWide(path);
-}
-
-std::string ProgramPath() {
-    wchar_t path[MODULE_PATH_UNITS] = {};
-    DWORD length = GetModuleFileNameW(nullptr, path, MODULE_PATH_UNITS);
-    return Unicode_FromWide({path, std::min(length, MODULE_PATH_UNITS - 1)}).value_or("");
 }
 
 // --- Minidump
@@ -168,8 +161,7 @@ void LogBacktraceLine(void* /*argument*/, const char* format, ...) {
     Log_Error("%s", line.data());
 }
 
-// For the parts that need the heap: a program that dies of having no memory still gets the rest of its
-// report.
+// For the parts that need the heap: a program that dies for want of memory gets the rest of its report.
 template <typename Part>
 void WithoutMemoryFailure(Part part) {
     try {
@@ -210,8 +202,7 @@ void ReserveStack() {
         return;
     }
     // Where stacks grow by page faults, that is all. Where a stack is committed as a whole, its guard page
-    // already stands at the very end, and the system does not move it: another one goes to where the reserve
-    // begins.
+    // already stands at the very end, and the system does not move it: another one goes before the reserve.
     MEMORY_BASIC_INFORMATION stack;
     MEMORY_BASIC_INFORMATION limit;
     const char here = 0;
@@ -307,7 +298,8 @@ bool CoreDumpInit(const char* directory) {
         Log_Error("CoreDump: unable to determine app data path\n");
         return false;
     }
-    dumpNames = CoreDumpChooseNames(directory ? directory : *appData, CoreDumpProgramName(ProgramPath()),
+    const std::string program = Unicode_FromWide(CoreDumpModuleFileName(nullptr)).value_or("");
+    dumpNames = CoreDumpChooseNames(directory ? directory : *appData, CoreDumpProgramName(program),
                                     GetCurrentProcessId(), File_Exists);
     initialized = true;
     return true;

@@ -1,5 +1,4 @@
-// What the library's Windows units share. A module's symbols are loaded when the first of its addresses is
-// named.
+// What the library's Windows units share.
 #pragma once
 
 #include "coreDump/coreDump.h"
@@ -37,8 +36,11 @@ extern CoreDumpDbgHelp coreDumpDbgHelp;
 // True when coreDumpDbgHelp can be used. The work is done, and a failure logged, by the first call only.
 bool CoreDumpLoadDbgHelp();
 
-// What an address stands for: symbol, displacement and, on request, module, section and offset. Null without
-// the debug-help library.
+// The module's full path, of the program itself when it is null; empty when it has none.
+std::wstring CoreDumpModuleFileName(HMODULE module);
+
+// What an address stands for: symbol, displacement and, on request, module, section and offset. Loads the
+// symbols of its module. Null without the debug-help library.
 std::optional<std::string> CoreDumpSymbolName(uint64_t address, bool includeModule);
 
 // Chooses the names for this process's dumps, in `directory` (UTF-8) or, when that is null, in the user's

@@ -9,7 +9,6 @@ namespace {
 
 constexpr wchar_t MASK_KEY[] = L"SOFTWARE\\Wow6432Node\\Ravlin, Inc.";
 constexpr wchar_t MASK_VALUE[] = L"LogLevel";
-constexpr size_t LONGEST_DIRECTORY = 2048; // bytes
 
 constexpr wchar_t LOCK_NAMES[][24] = {L"Global\\rlinst.log", L"Local\\rlinst.log"};
 constexpr unsigned SPINS = 200;     // before the holder is given time to go on
@@ -122,13 +121,13 @@ LogTime LogSystemLocalTime() {
 
 bool LogSystemTempDirectory(std::string* directory) {
     LastErrorKeeper keeper;
-    std::array<wchar_t, MAX_PATH + 1> path;
+    std::array<wchar_t, MAX_PATH + 1> path; // the system gives no longer one
     const DWORD length = GetTempPathW(path.size(), path.data());
     if (length == 0 || length >= path.size()) {
         return false;
     }
     std::optional<std::string> converted = Unicode_FromWide({path.data(), length});
-    if (!converted || converted->size() > LONGEST_DIRECTORY) {
+    if (!converted) {
         return false;
     }
     *directory = std::move(*converted);

@@ -1,5 +1,5 @@
-// Grants a token's logon session the interactive window station and desktop, and revokes it. Internal to
-// procMgr.
+// Grants a token's logon session the interactive window station and desktop, and revokes that again.
+// Internal to procMgr; main thread only.
 #pragma once
 
 #include <optional>
@@ -28,11 +28,10 @@ private:
 };
 
 // On success the process is on the interactive station until the result ends. None on failure, with the
-// process on its previous station; rights that were granted before the failure stay granted. Main thread
-// only.
+// process on its previous station; rights that were granted before the failure stay granted.
 std::optional<ProcMgrStationSwitch> ProcMgr_GrantInteractiveAccess(HANDLE token);
 
-// Undoes one grant. What cannot be revoked stays. Main thread only.
+// Undoes one grant. What cannot be revoked stays.
 void ProcMgr_RevokeInteractiveAccess(HANDLE token);
 
 // The system calls of the two, so that a test can stand in for a system whose stations have access lists.

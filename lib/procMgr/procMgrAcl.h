@@ -2,8 +2,7 @@
 //
 // A list is a header of 8 bytes (revision, zero, total size, number of entries, zero) followed by its
 // entries; an entry is type, flags and its size, and for an access-allowed entry the rights and the
-// identifier (SID) they are given to. All numbers are little-endian; the total size may exceed what the
-// entries use.
+// identifier (SID) they are given to. Numbers are little-endian; the total size may exceed the entries'.
 #pragma once
 
 #include <cstddef>
