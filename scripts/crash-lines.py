@@ -24,10 +24,13 @@ IMAGE = re.compile(r"  image file (.*)")
 def read_headers(symbols):
     """(link time, preferred base) of the program that the symbols belong to."""
     data = symbols.read_bytes()[:4096]
-    nt, = struct.unpack_from("<I", data, 60)
-    if data[:2] != b"MZ" or data[nt:nt + 4] != b"PE\0\0":
-        raise SystemExit(f"crash-lines: {symbols} is no symbol file")
-    return struct.unpack_from("<I", data, nt + 8)[0], struct.unpack_from("<Q", data, nt + 48)[0]
+    try:
+        nt, = struct.unpack_from("<I", data, 60)
+        if data[:2] == b"MZ" and data[nt:nt + 4] == b"PE\0\0":
+            return struct.unpack_from("<I", data, nt + 8)[0], struct.unpack_from("<Q", data, nt + 48)[0]
+    except struct.error:
+        pass  # too short
+    raise SystemExit(f"crash-lines: {symbols} is no symbol file")
 
 
 def is_program(path, symbols):
@@ -65,4 +68,7 @@ def main(arguments):
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    try:
+        sys.exit(main(sys.argv[1:]))
+    except OSError as problem:  # one of the files, or the program that names addresses
+        sys.exit(f"crash-lines: {problem}")
