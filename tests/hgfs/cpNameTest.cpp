@@ -209,4 +209,12 @@ TEST(HgfsEscape, MeasuresTrimmedNames) {
     DiagCapture_Take();
 }
 
+TEST(HgfsEscape, FailsWithoutRoomAndWritesNothingBehindIt) {
+    const std::string name = "con\0a%:b\0!%]%.\0x "s;
+    for (size_t room = 0; room < Escaped(name).size(); ++room) {
+        std::vector<char> out(room);
+        EXPECT_EQ(HgfsEscape_Apply(name.data(), name.size(), room, out.data()), -1) << room;
+    }
+}
+
 } // namespace

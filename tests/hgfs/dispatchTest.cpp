@@ -91,8 +91,9 @@ TEST_F(HgfsDispatch, ChecksNamesAgainstTheirPacket) {
 }
 
 TEST_F(HgfsDispatch, AnswersNamesThatStopEarlyOrLeadNowhere) {
-    for (const std::string& name : {Name({}), Name({"root"}), Name({"root", "drive"}), Name({"root", "unc"}),
-                                    Name({"root", "unc", "srv"}), DriveName({"C", "a", "..", "b"})}) {
+    for (const std::string& name :
+         {Name({}), Name({"root"}), Name({"root", "drive"}), Name({"root", "unc"}),
+          Name({"root", "unc", "srv"}), DriveName({"C", "a", "..", "b"}), std::string("\0root", 5)}) {
         EXPECT_EQ(Status(OnName(HgfsOpGetattr, name)), HgfsStatusInvalidName);
         EXPECT_EQ(Status(OnName(HgfsOpSearchOpenV3, name)), HgfsStatusInvalidName);
     }
@@ -168,23 +169,21 @@ TEST_F(HgfsShares, RefusesWhatDoesNotFit) {
 }
 
 TEST_F(HgfsShares, BoundsDrivePathsInUtf16Units) {
-    auto repeat = [](size_t count, std::string_view character) {
-        std::string text;
-        while (count-- > 0) {
-            text += character;
-        }
-        return text;
-    };
-    const std::string one = "\xC3\xA4";         // one unit in two bytes
-    const std::string two = "\xF0\x9F\x98\x80"; // two units
-    for (const std::string& path : {"C:\\" + repeat(256, "a"), "C:\\" + repeat(256, one),
-                                    "C:\\" + repeat(128, two), "\\\\srv\\" + repeat(400, "a")}) {
-        EXPECT_EQ(HgfsServerCheckPath(path), HgfsErrorNone) << path;
+    std::string faces; // 256 units in 512 bytes
+    for (int i = 0; i < 128; ++i) {
+        faces += "\xF0\x9F\x98\x80";
     }
-    for (const std::string& path :
-         {"C:\\" + repeat(257, "a"), "C:\\" + repeat(257, one), "C:\\a" + repeat(128, two),
-          std::string("C:\\\xFF"), std::string("C:\\\xED\xA0\x80")}) { // the last a lone surrogate
-        EXPECT_EQ(HgfsServerCheckPath(path), HgfsErrorInvalidName) << path;
+    const std::pair<std::string, uint32_t> cases[] = {
+        {"C:\\" + std::string(256, 'a'), HgfsErrorNone},
+        {"C:\\" + std::string(257, 'a'), HgfsErrorInvalidName},
+        {"C:\\" + faces, HgfsErrorNone},
+        {"C:\\" + faces + "a", HgfsErrorInvalidName},
+        {"\\\\srv\\" + std::string(400, 'a'), HgfsErrorNone},
+        {"C:\\\xFF", HgfsErrorInvalidName},
+        {"C:\\\xED\xA0\x80", HgfsErrorInvalidName}, // a lone surrogate
+    };
+    for (const auto& [path, error] : cases) {
+        EXPECT_EQ(HgfsServerCheckPath(path), error) << path;
     }
 }
 

@@ -58,7 +58,7 @@ TEST(HgfsPlanOpen, TurnsFieldsIntoArguments) {
     EXPECT_THAT(DiagCapture_Take().debug, Each("HgfsServerGetOpenFlags: Invalid HgfsOpenFlags\n"));
 }
 
-TEST_F(HgfsFile, WantsModeAndNameInTheMask) {
+TEST_F(HgfsFile, RefusesMalformedOpens) {
     HgfsPackets_Request request = Opening(Tmp("f"));
     request.desiredAccess = 1;
     for (HgfsOp op : {HgfsOpOpenV2, HgfsOpOpenV3}) {
@@ -68,6 +68,8 @@ TEST_F(HgfsFile, WantsModeAndNameInTheMask) {
             EXPECT_EQ(Status(request), HgfsStatusProtocolError);
         }
     }
+    EXPECT_EQ(Status(Opening(Tmp("f"), 3)), HgfsStatusProtocolError);
+    EXPECT_EQ(Status(Opening(Tmp("f"), kHgfsModeRead, 5)), HgfsStatusProtocolError);
     EXPECT_EQ(fs.calls, 0u);
     EXPECT_THAT(DiagCapture_Take().debug, Contains("HgfsServer: OpenV2 failed, error 1728\n"));
 }
@@ -277,7 +279,7 @@ TEST_F(HgfsFile, ASequentialFileIgnoresOffsetsAndKeepsItsPlaceWhenTheCacheCloses
     EXPECT_EQ(fs.openHandles, 30u);
 }
 
-TEST_F(HgfsFile, AnEvictedFileFollowsTheHostsRenames) {
+TEST_F(HgfsFile, AnEvictedFileFollowsTheHostsRenamesAndMayBeGone) {
     MemoryFs_Add("C:\\tmp\\dir", kHgfsFileDirectory);
     MemoryFs_Add("C:\\tmp\\directory", 0, "not this");
     const uint32_t other = MustOpen(Tmp("directory"));
@@ -287,6 +289,9 @@ TEST_F(HgfsFile, AnEvictedFileFollowsTheHostsRenames) {
     EXPECT_EQ(Status(Renaming(Tmp("DIR"), Tmp("moved"))), HgfsStatusSuccess);
     EXPECT_EQ(ReadHandle(handle, 0, 10).data, "content");
     EXPECT_EQ(ReadHandle(other, 0, 10).data, "not this");
+    FillCache();
+    fs.files.erase("c:\\tmp\\moved\\f");
+    EXPECT_EQ(ReadHandle(handle, 0, 10).status, HgfsStatusNoSuchFileOrDir);
 }
 
 TEST_F(HgfsFile, LockedFilesAreNotEvicted) {

@@ -32,6 +32,22 @@ static_assert(kHandlers[HgfsOpSearchReadV2] == HgfsServerSearchRead &&
               kHandlers[HgfsOpRenameV2] == HgfsServerRename);
 static_assert(kHandlers[HgfsOpQueryVolumeInfoV3] == HgfsServerQueryVolume);
 
+constexpr unsigned kMaxReportedFailures = 10; // of one start-up
+
+// For the debugger; and as warnings, which the program keeps in its log, the first failures of what a copy
+// into the guest consists of: a full disk has to be told from there, and a host that goes on and on must not
+// fill it.
+void ReportFailure(HgfsOp op, uint32_t error) {
+    const char* name = kHgfsOps[op].name.data();
+    Debug("HgfsServer: %s failed, error %u\n", name, static_cast<unsigned>(error));
+    const HgfsHandler handler = kHandlers[op];
+    const bool copies = handler == HgfsServerOpen || handler == HgfsServerWrite || handler == HgfsServerClose;
+    if (copies && hgfsServer.reportedFailures < kMaxReportedFailures) {
+        ++hgfsServer.reportedFailures;
+        Warning("HgfsServer: %s failed, error %u\n", name, static_cast<unsigned>(error));
+    }
+}
+
 // Runs the handler of a packet that is as long as its operation asks for. Its failure is logged in here
 // because memory for that may be short, too.
 uint32_t CallHandler(std::span<const uint8_t> packet, HgfsSession* session) {
@@ -45,8 +61,7 @@ uint32_t CallHandler(std::span<const uint8_t> packet, HgfsSession* session) {
     try {
         const uint32_t error = kHandlers[op](packet, session);
         if (error != HgfsErrorNone) {
-            Debug("HgfsServer: %s failed, error %u\n", kHgfsOps[op].name.data(),
-                  static_cast<unsigned>(error));
+            ReportFailure(op, error);
         }
         return error;
     } catch (const std::bad_alloc&) {
@@ -66,6 +81,7 @@ bool HgfsServerStartUp(const HgfsPlatform* platform, size_t maxCachedNodes, Hgfs
     hgfsServer.platform = platform;
     hgfsServer.maxCachedNodes = maxCachedNodes;
     hgfsServer.nextHandle = 0;
+    hgfsServer.reportedFailures = 0;
     hgfsServer.observer = observer;
     hgfsServer.session = nullptr;
     hgfsServer.pending = {};

@@ -184,6 +184,7 @@ struct HgfsServerState {
     std::vector<HgfsShare> shares;
     size_t maxCachedNodes = 0;
     std::atomic<uint32_t> nextHandle = 0;
+    std::atomic<unsigned> reportedFailures = 0;
     HgfsHandleObserver observer = nullptr;
     HgfsSession* session = nullptr; // the channel's
     HgfsReply pending;

@@ -190,7 +190,8 @@ uint32_t HgfsServerOpenFile(const HgfsShareInfo& share, const HgfsOpenArguments&
     if (error != HgfsErrorNone) {
         return truncateError != HgfsErrorNone ? truncateError : error;
     }
-    // Hosts rely on being told that the file could not be emptied even where it can be opened.
+    // Hosts rely on being told that the file could not be emptied even where it can be opened, or has been
+    // created by this very open.
     HgfsFileOwner file(opened);
     if (truncateError != HgfsErrorNone) {
         return truncateError;
