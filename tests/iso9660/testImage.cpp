@@ -131,53 +131,32 @@ TestImage RootWith(const std::vector<TestRecord>& records, uint32_t wanted) {
 }
 
 TestImage SampleImage(TestTree* tree) {
+    constexpr uint32_t deep = TEST_FREE + 4;
+    constexpr uint32_t readme = deep + 3;
     const std::string directory = "Gr\u00FC\u00DFe";
-    const TestTree sample = {
-        {"readme.txt", "hello"},
-        {"empty", ""},
-        {"sector", std::string(2048, 's')},
-        {"more", std::string(2049, 'm')},
-        {directory, TEST_TREE_DIRECTORY},
-        {directory + "/deep.bin", std::string(5000, 'd')},
-    };
+    const std::string deepContent(5000, 'd');
+    const std::string tail = AlternateName(0, "txt");
     TestImage image(true);
-    std::map<std::string, TestRecord> files; // but for their names
-    uint32_t next = TEST_FREE + 4;
-    for (const auto& [name, content] : sample) {
-        if (content != TEST_TREE_DIRECTORY) {
-            files[name] = {"", next, static_cast<uint32_t>(content.size())};
-            image.Put(next, content);
-            next += static_cast<uint32_t>((content.size() + TEST_SECTOR - 1) / TEST_SECTOR);
-        }
-    }
-    auto file = [&](std::string stored, const std::string& name, std::string systemUse = {}) {
-        TestRecord record = files.at(name);
-        record.name = std::move(stored);
-        record.systemUse = std::move(systemUse);
-        return record;
-    };
-    std::string tail = AlternateName(0, "txt");
     image.Put(TEST_FREE + 2, tail);
-    image.PutDirectory(TEST_FREE, TEST_ROOT,
-                       {file("DEEP.BIN;1", directory + "/deep.bin", AlternateName(0, "deep.bin"))});
+    image.Put(deep, deepContent);
+    image.Put(readme, "hello");
+    image.PutDirectory(TEST_FREE, TEST_ROOT, {{"DEEP.BIN;1", deep, 5000, 0, AlternateName(0, "deep.bin")}});
     image.PutDirectory(TEST_ROOT, TEST_ROOT,
                        {{"DIR", TEST_FREE, TEST_SECTOR, TEST_DIRECTORY, AlternateName(0, directory)},
-                        file("EMPTY.;1", "empty", AlternateName(0, "empty")),
-                        file("MORE.;1", "more", AlternateName(0, "more")),
-                        file("README.TXT;1", "readme.txt",
-                             AlternateName(1, "readme.") + Continuation(TEST_FREE + 2, 0, tail.size())),
-                        file("SECTOR.;1", "sector", AlternateName(0, "sector"))},
+                        {"EMPTY.;1", readme, 0, 0, AlternateName(0, "empty")},
+                        {"README.TXT;1", readme, 5, 0,
+                         AlternateName(1, "readme.") + Continuation(TEST_FREE + 2, 0, tail.size())}},
                        SkipAnnouncement() + RockRidgeAnnouncement());
-    image.PutDirectory(TEST_FREE + 1, TEST_JOLIET_ROOT,
-                       {file(JolietName(u"deep.bin"), directory + "/deep.bin")});
+    image.PutDirectory(TEST_FREE + 1, TEST_JOLIET_ROOT, {{JolietName(u"deep.bin"), deep, 5000}});
     image.PutDirectory(TEST_JOLIET_ROOT, TEST_JOLIET_ROOT,
                        {{JolietName(u"Gr\u00FC\u00DFe"), TEST_FREE + 1, TEST_SECTOR, TEST_DIRECTORY},
-                        file(JolietName(u"empty"), "empty"),
-                        file(JolietName(u"more"), "more"),
-                        file(JolietName(u"readme.txt"), "readme.txt"),
-                        file(JolietName(u"sector"), "sector")});
+                        {JolietName(u"empty"), readme, 0},
+                        {JolietName(u"readme.txt"), readme, 5}});
     if (tree) {
-        *tree = sample;
+        *tree = {{"readme.txt", "hello"},
+                 {"empty", ""},
+                 {directory, TEST_TREE_DIRECTORY},
+                 {directory + "/deep.bin", deepContent}};
     }
     return image;
 }

@@ -67,8 +67,8 @@ TestImage RootWith(const std::vector<TestRecord>& records, uint32_t wanted = 0);
 using TestTree = std::map<std::string, std::string>;
 inline const std::string TEST_TREE_DIRECTORY = "<directory>";
 
-// An image of every kind of thing: nested directories, Joliet and Rock Ridge names, sizes around the
-// sector's. What extraction gives is in `tree`.
+// An image of every kind of thing: a directory in the root, Joliet and Rock Ridge names, a continuation,
+// files of no, one and three sectors. What extraction gives is in `tree`.
 TestImage SampleImage(TestTree* tree = nullptr);
 
 class TestFolder {
