@@ -74,6 +74,16 @@ TEST_F(HgfsFile, RefusesMalformedOpens) {
     EXPECT_THAT(DiagCapture_Take().debug, Contains("HgfsServer: OpenV2 failed, error 1728\n"));
 }
 
+// The program keeps warnings in its log, which a host that goes on failing must not fill.
+TEST_F(HgfsFile, TheFirstFailuresOfACopyAreWarnings) {
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(Status(Opening(Tmp("none"), kHgfsModeRead, kHgfsOpenExisting)), HgfsStatusNoSuchFileOrDir);
+    }
+    DiagMessages messages = DiagCapture_Take();
+    EXPECT_EQ(messages.warning, std::vector<std::string>(10, messages.debug.back()));
+    EXPECT_EQ(messages.debug.size(), 20u);
+}
+
 // Emptying a file without the right to write it takes two opens.
 TEST_F(HgfsFile, TruncatesAnExistingFileForReading) {
     MemoryFile& file = MemoryFs_Add("C:\\tmp\\f", kHgfsFileArchive, "content");
