@@ -2,7 +2,7 @@
 
 #include "misc/win32Handle.h"
 #include "procMgr/procMgr.h"
-#include "unicode/unicode.h"
+#include "support/testFolder.h"
 
 #include <cstdio>
 #include <cstring>
@@ -13,25 +13,13 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr DWORD LIMIT_MS = 60000;
-
-fs::path ToPath(const std::string& utf8) {
-    return *Unicode_ToWide(utf8);
-}
-std::string ToUtf8(const fs::path& path) {
-    return *Unicode_FromWide(path.wstring());
-}
-
-fs::path OwnFolder() {
-    wchar_t path[MAX_PATH];
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return fs::path(path).parent_path();
-}
 
 std::string ReadAll(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
@@ -97,12 +85,12 @@ void PreferOwnDbgHelp(const fs::path& program) {
 // The program, and beside it the debug-help library that the run asks for.
 fs::path Install(const CrashRun& run, const fs::path& folder) {
     const fs::path program = folder / (run.stub ? "coreDump_stubbed.exe" : "coreDump_crasher.exe");
-    fs::copy_file(OwnFolder() / "coreDump_crasher.exe", program);
+    fs::copy_file(TestFolder::OfPrograms() / "coreDump_crasher.exe", program);
     if (run.stub) {
         PreferOwnDbgHelp(program.filename());
     }
     if (run.stub && *run.stub) {
-        fs::copy_file(OwnFolder() / (std::string("stubDbgHelp_") + run.stub + ".dll"),
+        fs::copy_file(TestFolder::OfPrograms() / (std::string("stubDbgHelp_") + run.stub + ".dll"),
                       folder / "dbghelp.dll");
     }
     return program;
@@ -123,37 +111,23 @@ void Gather(const fs::path& folder, CrashResult* result) {
     }
     for (const auto& entry : fs::directory_iterator(folder)) {
         if (entry.path().extension() == ".dmp") {
-            result->dumps[ToUtf8(entry.path().filename())] = ReadAll(entry.path());
+            result->dumps[TestFolder::Utf8(entry.path().filename())] = ReadAll(entry.path());
         }
     }
 }
 
 } // namespace
 
-std::string MakeCrashFolder() {
-    static const fs::path base = fs::temp_directory_path(); // each run changes the variable behind it
-    static int count = 0;
-    const fs::path folder = base / (L"crash \x00E9\x65E5" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                                    std::to_wstring(++count));
-    fs::create_directories(folder);
-    return ToUtf8(folder);
-}
-
-void RemoveCrashFolder(const std::string& folder) {
-    std::error_code ignored;
-    fs::remove_all(ToPath(folder), ignored);
-}
-
 CrashResult Crash(const CrashRun& run) {
     CrashResult result;
-    result.folder = MakeCrashFolder();
-    const fs::path folder = ToPath(result.folder);
-    const std::string program = ToUtf8(Install(run, folder));
+    const TestFolder folder;
+    const fs::path& path = folder.Path();
+    result.folder = TestFolder::Utf8(path);
+    const std::string program = TestFolder::Utf8(Install(run, path));
     const std::string dumps = run.dumpFolder ? run.dumpFolder : result.folder;
-    SetEnvironmentVariableW(L"TMP", folder.c_str()); // where the log goes
+    SetEnvironmentVariableW(L"TMP", path.c_str()); // where the log goes
     SetEnvironmentVariableA("STUB_MODE", run.mode);
-    RunToEnd("\"" + program + "\" \"" + dumps + "\" " + run.arguments, folder, &result);
-    Gather(folder, &result);
-    RemoveCrashFolder(result.folder);
+    RunToEnd("\"" + program + "\" \"" + dumps + "\" " + run.arguments, path, &result);
+    Gather(path, &result);
     return result;
 }

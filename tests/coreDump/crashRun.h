@@ -1,4 +1,4 @@
-// Runs the crashing program in a folder of its own, whose name is not ASCII, and gathers what it left behind.
+// Runs the crashing program in a folder of its own and gathers what it left behind.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,3 @@ struct CrashResult {
 
 // Waits a minute at most.
 CrashResult Crash(const CrashRun& run);
-
-// A new folder under the temporary one, as UTF-8.
-std::string MakeCrashFolder();
-void RemoveCrashFolder(const std::string& folder);

@@ -6,6 +6,7 @@
 #include "coreDump/coreDumpWin32.h"
 #include "string/str.h"
 #include "support/diagCapture.h"
+#include "support/testFolder.h"
 
 #include <algorithm>
 #include <cstring>
@@ -236,7 +237,8 @@ TEST(CrashDegraded, ANameThatIsNoTextStopsTheProgram) {
 
 // The system ends a program after its first unhandled exception; here the filter is asked again.
 TEST(CrashLibrary, EachEntryOfAThreadSaysLessAndADumpReplacesNoOther) {
-    const std::string folder = MakeCrashFolder();
+    const TestFolder temporary;
+    const std::string folder = TestFolder::Utf8(temporary.Path());
     const std::string stem = Str_Format("%s\\test_crash-%lu", folder.c_str(), GetCurrentProcessId());
     ASSERT_TRUE(CoreDumpInit(folder.c_str()));
     ASSERT_EQ(CoreDump_SetUnhandledExceptionFilter(), CoreDumpExceptionFilter);
@@ -262,7 +264,6 @@ TEST(CrashLibrary, EachEntryOfAThreadSaysLessAndADumpReplacesNoOther) {
     EXPECT_THAT(said[5], ElementsAre(StartsWith("CoreDump: Cannot open minidump file " + stem + ".dmp: "),
                                      "CoreDump: Writing minidump to " + stem + "-0.dmp\n"));
     EXPECT_EQ(CoreDumpLastDump(), stem + "-0.dmp");
-    RemoveCrashFolder(folder);
 }
 
 TEST(CrashLibrary, AnExceptionIsLeftToADebuggerAsAsked) {
@@ -272,7 +273,7 @@ TEST(CrashLibrary, AnExceptionIsLeftToADebuggerAsAsked) {
 }
 
 TEST(CrashLibrary, NamesAddresses) {
-    const auto inside = reinterpret_cast<uint64_t>(&RemoveCrashFolder);
+    const auto inside = reinterpret_cast<uint64_t>(&Crash);
     const std::string named = CoreDumpSymbolName(inside, true).value();
     EXPECT_THAT(named, HasSubstr("\\test_crash.exe base 0x"));
     EXPECT_THAT(named, HasSubstr(" 0x0001:0x")); // code is in the first section

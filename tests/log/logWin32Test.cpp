@@ -3,6 +3,7 @@
 #include "log/logState.h"
 #include "misc/win32Handle.h"
 #include "procMgr/procMgr.h"
+#include "support/testFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -28,8 +29,6 @@ protected:
         if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, KEY, 0, KEY_QUERY_VALUE, own.Receive()) == ERROR_SUCCESS) {
             GTEST_SKIP() << "this machine has a log level of its own, which the test would remove";
         }
-        directory = fs::temp_directory_path() / (L"log\x0107st " + std::to_wstring(GetCurrentProcessId()));
-        fs::create_directories(directory);
         oldTemp = _wgetenv(L"TMP");
         SetEnvironmentVariableW(L"TMP", directory.c_str());
         fs::current_path(directory);
@@ -40,7 +39,6 @@ protected:
             SetEnvironmentVariableW(L"TMP", oldTemp.c_str());
             RegDeleteKeyW(HKEY_LOCAL_MACHINE, KEY);
             fs::current_path(directory.parent_path());
-            fs::remove_all(directory);
         }
     }
 
@@ -58,7 +56,8 @@ protected:
         EXPECT_TRUE(std::regex_match(content, std::regex(pattern))) << content;
     }
 
-    fs::path directory;
+    TestFolder folder;
+    const fs::path& directory = folder.Path();
 
 private:
     std::wstring oldTemp;
@@ -125,10 +124,11 @@ TEST_F(LogWin32, PreservesTheLastError) {
 
 TEST_F(LogWin32, LosesAndTearsNoLineOfTwoProcesses) {
     constexpr int LINES = 4000;
-    const fs::path writer = fs::path(testing::internal::GetArgvs()[0]).parent_path() / "logWriter.exe";
+    const fs::path writer = TestFolder::OfPrograms() / "logWriter.exe";
     using Process = std::unique_ptr<ProcMgr_AsyncProc, void (*)(ProcMgr_AsyncProc*)>;
     const auto start = [&writer](const char* name) {
-        const std::string command = "\"" + writer.string() + "\" " + name + " " + std::to_string(LINES);
+        const std::string command =
+            "\"" + TestFolder::Utf8(writer) + "\" " + name + " " + std::to_string(LINES);
         return Process(ProcMgr_ExecAsync(command.c_str(), nullptr), ProcMgr_Free);
     };
     const Process one = start("one");

@@ -5,7 +5,7 @@
 #include "misc/win32Handle.h"
 #include "string/str.h"
 #include "support/diagCapture.h"
-#include "unicode/unicode.h"
+#include "support/testFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -54,30 +54,15 @@ DWORD OwnHandleCount() {
     return count;
 }
 
-// The program to start, in a folder of its own whose name holds blanks and letters beyond ASCII.
+// The program to start, in a folder of its own.
 class ProcMgrTest : public testing::Test {
 protected:
     ProcMgrTest() {
-        namespace fs = std::filesystem;
-        wchar_t self[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, self, MAX_PATH);
-        // One folder a test: a child that outlives its test still holds the program in it.
-        static unsigned folders = 0;
-        folder =
-            fs::temp_directory_path() / (L"pm " + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                                         std::to_wstring(++folders) + L" \x00E9\x65E5\x672C \xD83D\xDE00");
-        fs::create_directories(folder);
-        fs::copy_file(fs::path(self).parent_path() / L"procMgrChild.exe", folder / L"ch ild.exe",
-                      fs::copy_options::overwrite_existing);
-        child = *Unicode_FromWide((folder / L"ch ild.exe").wstring());
-        reportCommand =
-            "\"" + child + "\" report \"" + *Unicode_FromWide((folder / L"report").wstring()) + "\"";
+        std::filesystem::copy_file(TestFolder::OfPrograms() / "procMgrChild.exe", Path("ch ild.exe"));
         DiagCapture_Take();
     }
-    ~ProcMgrTest() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder, ignored);
-    }
+
+    std::filesystem::path Path(const char* name) const { return folder.Path() / name; }
 
     // What a child told to do something is started with.
     std::string Command(const std::string& rest) const { return "\"" + child + "\" " + rest; }
@@ -87,16 +72,16 @@ protected:
         Process process(ProcMgr_ExecAsync((reportCommand + rest).c_str(), options));
         EXPECT_TRUE(process && Ended(process));
         std::map<std::string, std::string> lines;
-        std::ifstream file(folder / L"report", std::ios::binary);
+        std::ifstream file(Path("report"), std::ios::binary);
         for (std::string line; std::getline(file, line);) {
             lines[line.substr(0, line.find(' '))] = line.substr(line.find(' ') + 1);
         }
         return lines;
     }
 
-    std::filesystem::path folder;
-    std::string child;
-    std::string reportCommand;
+    TestFolder folder;
+    const std::string child = TestFolder::Utf8(Path("ch ild.exe"));
+    const std::string reportCommand = Command("report \"" + TestFolder::Utf8(Path("report")) + "\"");
 };
 
 TEST_F(ProcMgrTest, CommandLinesArriveAsTheyAre) {
@@ -123,16 +108,16 @@ TEST_F(ProcMgrTest, OptionsReachTheChild) {
     startup.dwFlags = STARTF_USESHOWWINDOW;
     startup.wShowWindow = SW_MAXIMIZE;
     ProcMgr_ProcArgs options;
-    options.currentDirectory = folder.c_str();
+    options.currentDirectory = folder.Path().c_str();
     options.startupInfo = &startup;
     std::map<std::string, std::string> lines = RunReporting(&options);
-    EXPECT_EQ(lines["directory"], *Unicode_FromWide(folder.wstring()));
+    EXPECT_EQ(lines["directory"], TestFolder::Utf8(folder.Path()));
     EXPECT_EQ(lines["flags"], "1 show 3");
 }
 
 TEST_F(ProcMgrTest, AnApplicationNameServesWithoutACommandLine) {
     ProcMgr_ProcArgs options;
-    const std::wstring program = *Unicode_ToWide(child);
+    const std::wstring program = Path("ch ild.exe").wstring();
     options.applicationName = program.c_str();
     Process process(ProcMgr_ExecAsync(nullptr, &options));
     ASSERT_TRUE(process && Ended(process));
