@@ -2,7 +2,7 @@
 
 A test program of this folder makes a list of cases and hands it to main(). It needs RL_BUILD, the folder with
 rlupgrader.exe, hostsim.exe and sample/; WINEPREFIX, a Wine prefix to use up; and may have RL_OUT, a folder that
-keeps the transcripts. Without them it takes build/windows and makes a prefix of its own.
+keeps each case's transcript and installer log. Without them it takes build/windows and makes a prefix of its own.
 """
 
 import dataclasses
