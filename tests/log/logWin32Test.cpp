@@ -63,10 +63,13 @@ private:
     std::wstring oldTemp;
 };
 
-TEST_F(LogWin32, WritesStampedLinesWithCrLf) {
+TEST_F(LogWin32, WritesStampedLinesWithCrLfAndPreservesTheLastError) {
     Log_Begin("Upgrader");
-    Log_Level(LOG_DETAIL, "Upgrader [%s]", "na\xC3\xAFve");
+    SetLastError(4711);
+    Log_Level(LOG_DETAIL, "Upgrader [%s]", "na\xC3\xAFve"); // opens the file
+    EXPECT_EQ(GetLastError(), 4711U);
     Log_Level(LOG_ALWAYS, "%I64u %S", uint64_t{1} << 40, L"wide");
+    EXPECT_EQ(GetLastError(), 4711U);
     Log_End();
     ExpectContent("inst : \\d\\d/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d I1:Upgrader \\[na\xC3\xAFve\\]\r\n"
                   "inst : \\d\\d/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d E1:1099511627776 wide\r\n");
@@ -110,16 +113,6 @@ TEST_F(LogWin32, FallsBackToTheCurrentDirectory) {
     Log_End();
     ExpectContent(".*E1:Unable to log to intended file .*\\\\rlinst.log, error 5\r\n.*I1:text\r\n",
                   "inst.log");
-}
-
-TEST_F(LogWin32, PreservesTheLastError) {
-    Log_Begin("Upgrader");
-    for (int i = 0; i < 2; i++) { // the first one opens the file
-        SetLastError(4711 + i);
-        Log_Error("text");
-        EXPECT_EQ(GetLastError(), 4711U + i);
-    }
-    Log_End();
 }
 
 TEST_F(LogWin32, LosesAndTearsNoLineOfTwoProcesses) {

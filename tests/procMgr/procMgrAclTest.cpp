@@ -37,17 +37,22 @@ ProcMgrBytes List(const std::vector<ProcMgrBytes>& entries, size_t slack = 0, ui
     return list;
 }
 
-// Both operations on a list whose memory ends with it, so that the sanitizer sees every read beyond.
+// A copy whose memory ends with the list, so that the sanitizer sees every read beyond.
+struct Exact {
+    explicit Exact(const ProcMgrBytes& list)
+        : memory(std::make_unique<uint8_t[]>(list.size())), span(memory.get(), list.size()) {
+        std::copy(list.begin(), list.end(), memory.get());
+    }
+    std::unique_ptr<uint8_t[]> memory;
+    std::span<const uint8_t> span;
+};
+
 std::optional<uint32_t> Find(const ProcMgrBytes& list, const ProcMgrBytes& sid = LOGON,
                              const ProcMgrAce& ace = FULL_DESKTOP) {
-    auto memory = std::make_unique<uint8_t[]>(list.size());
-    std::copy(list.begin(), list.end(), memory.get());
-    return ProcMgrAclFindLast({memory.get(), list.size()}, ace, sid);
+    return ProcMgrAclFindLast(Exact(list).span, ace, sid);
 }
 std::optional<ProcMgrBytes> Append(const ProcMgrBytes& list, const ProcMgrBytes& sid = LOGON) {
-    auto memory = std::make_unique<uint8_t[]>(list.size());
-    std::copy(list.begin(), list.end(), memory.get());
-    return ProcMgrAclAppend({memory.get(), list.size()}, PROCMGR_DESKTOP_ACES, sid);
+    return ProcMgrAclAppend(Exact(list).span, PROCMGR_DESKTOP_ACES, sid);
 }
 
 TEST(ProcMgrAcl, StationGetsTwoEntriesBehindTheExistingOnes) {
