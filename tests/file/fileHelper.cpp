@@ -124,19 +124,6 @@ int Stress(wchar_t** arguments) {
     return 0;
 }
 
-// handover <file> <rounds>: takes and gives back the exclusive lock.
-int HandOver(wchar_t** arguments) {
-    const std::string file = Narrow(arguments[0]);
-    for (uint32_t left = Number(arguments[1]); left > 0; left--) {
-        int error = 0;
-        FileLock_Token* token = FileLock_Lock(file.c_str(), false, FILELOCK_WAIT_FOREVER, &error);
-        if (token == nullptr || FileLock_Unlock(file.c_str(), token) != 0) {
-            return 1;
-        }
-    }
-    return 0;
-}
-
 } // namespace
 
 int wmain(int count, wchar_t** arguments) {
@@ -149,9 +136,6 @@ int wmain(int count, wchar_t** arguments) {
     }
     if (verb == L"stress" && count == 6) {
         return Stress(arguments + 2);
-    }
-    if (verb == L"handover" && count == 4) {
-        return HandOver(arguments + 2);
     }
     return 2;
 }

@@ -1,7 +1,10 @@
 #include "file/fileRules.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
+#include <set>
 #include <vector>
 
 namespace {
@@ -73,6 +76,64 @@ TEST(FileRules, OnlyTheVerbatimPrefixExcusesALongName) {
     EXPECT_TRUE(FileIsNameTooLong("x", 261));
     EXPECT_FALSE(FileIsNameTooLong("\\\\?\\C:\\x", 32000));
     EXPECT_TRUE(FileIsNameTooLong("//?/C:/x", 261));
+}
+
+TEST(FileRules, OpenFlagsBecomeCreateFileArguments) {
+    struct {
+        uint32_t flags;
+        FileIOOpenAction action;
+        FileIOOpenArguments expected;
+    } const cases[] = {
+        {0, FileIOOpenAction::Open, {0, 3, 3, 0x80}},
+        {0x1, FileIOOpenAction::OpenEmpty, {0x80000000, 3, 5, 0x80}},
+        {0x2, FileIOOpenAction::OpenCreate, {0x40000000, 3, 4, 0x80}},
+        {0x3, FileIOOpenAction::CreateSafe, {0xC0000000, 3, 1, 0x80}},
+        {0x2 | 0x4, FileIOOpenAction::CreateEmpty, {0x40000000, 3, 2, 0x80000080}},
+        {0x8, FileIOOpenAction::Open, {0, 3, 3, 0x4000082}},
+        {0x4 | 0x8, FileIOOpenAction::Open, {0, 3, 3, 0x84000082}},
+        {0x10, FileIOOpenAction::Open, {0, 3, 3, 0x20000080}},
+        {0x20, FileIOOpenAction::Open, {0, 3, 3, 0x80}},
+        {0x40, FileIOOpenAction::Open, {0, 3, 3, 0x60000080}},
+        {0x200, FileIOOpenAction::Open, {0, 2, 3, 0x80}},
+        {0x400, FileIOOpenAction::Open, {0, 1, 3, 0x80}},
+        {0x600, FileIOOpenAction::Open, {0, 0, 3, 0x80}},
+        {0x800, FileIOOpenAction::Open, {0, 3, 3, 0x8000080}},
+        {0xE7F, FileIOOpenAction::CreateEmpty, {0xC0000000, 0, 2, 0xEC000082}},
+    };
+    for (const auto& row : cases) {
+        FileIOOpenArguments arguments = FileIOTranslate(row.flags, row.action);
+        EXPECT_EQ(arguments.desiredAccess, row.expected.desiredAccess) << std::hex << row.flags;
+        EXPECT_EQ(arguments.shareMode, row.expected.shareMode) << std::hex << row.flags;
+        EXPECT_EQ(arguments.creationDisposition, row.expected.creationDisposition) << std::hex << row.flags;
+        EXPECT_EQ(arguments.flagsAndAttributes, row.expected.flagsAndAttributes) << std::hex << row.flags;
+    }
+}
+
+TEST(FileRules, OpenErrorsThatHaveAResult) {
+    std::map<FileIOResult, std::set<uint32_t>> found;
+    for (uint32_t error = 0; error < 2000; error++) {
+        if (std::optional<FileIOResult> result = FileIOResultFromWin32(error)) {
+            found[*result].insert(error);
+        }
+    }
+    const std::map<FileIOResult, std::set<uint32_t>> expected = {
+        {FileIOResult::FileNotFound, {2, 3}},
+        {FileIOResult::NoPermission, {5, 12, 19}},
+        {FileIOResult::FileExists, {80, 183}},
+    };
+    EXPECT_EQ(found, expected);
+}
+
+TEST(FileRules, LockErrorsHaveResults) {
+    const std::map<int, FileIOResult> special = {
+        {0, FileIOResult::LockFailed},    {30, FileIOResult::LockFailed},  {2, FileIOResult::FileNotFound},
+        {13, FileIOResult::NoPermission}, {38, FileIOResult::NameTooLong},
+    };
+    for (int error = 0; error < 100; error++) {
+        auto row = special.find(error);
+        EXPECT_EQ(FileIOResultFromLockError(error), row == special.end() ? FileIOResult::Error : row->second)
+            << error;
+    }
 }
 
 // The buffer is exactly as large as promised, so that the sanitizer sees a byte too many.
