@@ -172,8 +172,9 @@ void TakeTimes(IsoBytes entry, IsoRockRidge* rockRidge) {
     }
     IsoBytes stamps = entry.subspan(TIMES_FIRST);
     if ((entry[TIMES_FLAGS] & TIMES_LONG_FORM) != 0) {
-        rockRidge->hasCreationTime =
-            stamps.size() >= LONG_TIME && ShortenTime(stamps.first(LONG_TIME), &rockRidge->creationTime);
+        if (stamps.size() >= LONG_TIME && ShortenTime(stamps.first(LONG_TIME), &rockRidge->creationTime)) {
+            rockRidge->hasCreationTime = true;
+        }
     } else if (stamps.size() >= SHORT_TIME) {
         std::copy_n(stamps.begin(), SHORT_TIME, rockRidge->creationTime.begin());
         rockRidge->hasCreationTime = true;

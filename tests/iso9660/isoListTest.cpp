@@ -259,6 +259,7 @@ TEST(IsoRockRidge, TimeOfCreationReplacesTheRecordingTime) {
         {"no digits", Entry("TF", "\x81" + Times('\0', 17)), recorded},
         {"before what seven bytes hold", Entry("TF", "\x81" + ("1899" + digits.substr(4))), recorded},
         {"no flags", Entry("TF", ""), recorded},
+        {"a bad one later", Entry("TF", "\x01" + created) + Entry("TF", "\x81" + Times('\0', 17)), created},
     };
     for (const auto& test : cases) {
         Iso9660_Entry entry = EntryWith(test.systemUse);
