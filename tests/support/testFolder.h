@@ -13,16 +13,15 @@ public:
     TestFolder() {
         static const auto base = std::filesystem::temp_directory_path(); // a test may change what it reads
         static int count = 0;
-        path_ = base / (L"test \x00E9\x65E5\x672C \xD83D\xDE00 " + std::to_wstring(GetCurrentProcessId()) +
-                        L"-" + std::to_wstring(++count));
-        std::filesystem::create_directories(path_);
+        do {
+            path_ = base / (L"test \x00E9\x65E5\x672C \xD83D\xDE00 " +
+                            std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++count));
+            Remove(); // what an earlier process with this number could not
+        } while (!std::filesystem::create_directory(path_));
     }
     TestFolder(const TestFolder&) = delete;
     TestFolder& operator=(const TestFolder&) = delete;
-    ~TestFolder() {
-        std::error_code ignored; // something in it may still be in use
-        std::filesystem::remove_all(path_, ignored);
-    }
+    ~TestFolder() { Remove(); }
 
     const std::filesystem::path& Path() const { return path_; }
 
@@ -36,5 +35,10 @@ public:
     }
 
 private:
+    void Remove() const {
+        std::error_code ignored; // something in it may still be in use
+        std::filesystem::remove_all(path_, ignored);
+    }
+
     std::filesystem::path path_;
 };
