@@ -19,12 +19,6 @@ TEST(ErrWin32, GivesTheSystemsTextWithoutItsEnd) {
     EXPECT_EQ(GetLastError(), 4711U);
 }
 
-TEST(ErrWin32, TakesTheThreadsLastError) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    EXPECT_EQ(Err_LastErrString(), Err_ErrString(ERROR_ACCESS_DENIED));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-}
-
 // Texts with inserts ("%1 is not a valid Win32 application") come as they stand.
 TEST(ErrWin32, LeavesInsertsAlone) {
     EXPECT_NE(strstr(Err_ErrString(ERROR_BAD_EXE_FORMAT), "%1"), nullptr);

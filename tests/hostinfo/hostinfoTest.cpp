@@ -225,14 +225,6 @@ TEST(HostinfoNames, LengthsAreBounded) {
                                   std::string(98, 'p')); // 99 with the blank
 }
 
-TEST(HostinfoNames, FamilyOfEveryType) {
-    const std::vector<uint32_t> families = {99999, 1, 2, 3, 4, 5, 5, 5, 5, 6, 6,    6,
-                                            6,     7, 7, 7, 7, 7, 8, 8, 9, 9, 99999};
-    for (uint32_t type = 0; type < families.size(); type++) {
-        EXPECT_EQ(HostinfoFamilyOfType(type), families[type]) << type;
-    }
-}
-
 // Many threads with different results: all of them see one result, whole, and it never changes.
 TEST(HostinfoPublish, FirstOfManyThreadsWins) {
     constexpr uint32_t THREADS = 16;

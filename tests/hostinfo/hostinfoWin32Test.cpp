@@ -5,18 +5,12 @@
 
 #include <thread>
 #include <vector>
-#include <windows.h>
 
 namespace {
 
-TEST(HostinfoWin32, VersionNumbersAreTheSystems) {
-    OSVERSIONINFOEXA version{};
-    version.dwOSVersionInfoSize = sizeof version;
-    ASSERT_TRUE(GetVersionExA(reinterpret_cast<OSVERSIONINFOA*>(&version)));
-    EXPECT_EQ(Hostinfo_OSVersion(0), version.dwMajorVersion);
-    EXPECT_EQ(Hostinfo_OSVersion(1), version.dwMinorVersion);
-    EXPECT_EQ(Hostinfo_OSVersion(2), version.dwBuildNumber);
-    EXPECT_EQ(Hostinfo_OSVersion(3), version.wServicePackMajor);
+TEST(HostinfoWin32, TellsVersionAndBitness) {
+    EXPECT_GE(Hostinfo_OSVersion(0), 6u);
+    EXPECT_NE(Hostinfo_OSVersion(2), 0u);
     EXPECT_EQ(Hostinfo_OSVersion(4), 0u);
     EXPECT_EQ(HostinfoOSBitness(), 64);
 }
