@@ -17,8 +17,7 @@ namespace {
 
 constexpr unsigned MOST_TURNS = 50;
 constexpr uint32_t LONGEST_MESSAGE = 0x20000; // of the messages announced; memory for more is not the point
-
-constexpr uint16_t BULK = 0xFFFE; // in place of a sub-command
+constexpr uint16_t BULK = 0xFFFE;             // in place of a sub-command
 
 std::span<const uint8_t> input;
 uint64_t calls = 0;
