@@ -12,11 +12,6 @@ namespace {
 FakeStation* fake = nullptr;
 ProcMgrAccessCalls systemCalls;
 
-template <typename Handle>
-Handle As(const KernelHandle& object) {
-    return static_cast<Handle>(object.Get());
-}
-
 // Counts a call; true when it is the one to fail.
 bool Fails() {
     if (++fake->callCount == fake->failCall) {
@@ -51,7 +46,7 @@ HWINSTA WINAPI OpenStation(LPCWSTR name, BOOL inherit, ACCESS_MASK rights) {
         return nullptr;
     }
     fake->openStations++;
-    return As<HWINSTA>(fake->station);
+    return static_cast<HWINSTA>(fake->station.Get());
 }
 
 BOOL WINAPI SetStation(HWINSTA station) {
@@ -76,7 +71,7 @@ HDESK WINAPI OpenDefault(LPCWSTR name, DWORD flags, BOOL inherit, ACCESS_MASK ri
         return nullptr;
     }
     fake->openDesktops++;
-    return As<HDESK>(fake->desktop);
+    return static_cast<HDESK>(fake->desktop.Get());
 }
 
 BOOL WINAPI CloseDefault(HDESK) {
