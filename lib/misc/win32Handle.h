@@ -6,7 +6,8 @@
 #include <utility>
 #include <windows.h>
 
-template <typename Traits> class Win32Owner {
+template <typename Traits>
+class Win32Owner {
 public:
     using Value = typename Traits::Value;
 
@@ -72,9 +73,10 @@ using KernelHandle = Win32Owner<KernelHandleTraits>; // process, thread, event, 
 using FileHandle = Win32Owner<FileHandleTraits>;     // CreateFile
 using FindHandle = Win32Owner<FindHandleTraits>;     // FindFirstFile
 using RegistryKey = Win32Owner<RegistryKeyTraits>;
-using Module = Win32Owner<ModuleTraits>;             // LoadLibrary
+using Module = Win32Owner<ModuleTraits>; // LoadLibrary
 
 // Looks an entry point up by name; null when the module lacks it.
-template <typename Function> Function Win32_GetProc(HMODULE module, const char* name) {
+template <typename Function>
+Function Win32_GetProc(HMODULE module, const char* name) {
     return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
