@@ -238,6 +238,8 @@ class Person:
             wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", self.SIZE, "/f")
             wineprefix.stop(bench.prefix)
             Person.desktop = True
+        # The desktop goes a moment after its last program, and one that comes just then finds half of it.
+        bench.wait_for_end_of(["explorer.exe"], limit=BOX_LIMIT)
         made = self.make_image(bench)
         self.thread = threading.Thread(target=self._work, args=(bench.out,))
         self.thread.start()
