@@ -196,7 +196,7 @@ class Person:
 
     SIZE = "640x300"
     MIDDLE = ["320", "150"]
-    desktop = False  # whether the guest has one already
+    desktop = None  # the program that keeps the guest's desktop open
     pictures = {}  # and the language of each
 
     def __init__(self, name, key, language, make_image, session=None):
@@ -208,20 +208,21 @@ class Person:
         return subprocess.run(["import", "-window", "root", "-crop", f"{self.SIZE}+0+0", "+repage", "-trim", "-depth",
                                "8", "ppm:-"], check=True, capture_output=True, timeout=60).stdout
 
-    def _wait_for_box(self):
-        """The empty desktop has one colour; the box, once it is drawn, does not change any more."""
+    def _wait_for_picture(self, box):
+        """The box has many colours, the empty desktop has one. Either, once it is drawn, does not change any more."""
         limit, last = time.monotonic() + BOX_LIMIT, None
         while time.monotonic() < limit:
             picture = self._picture()
-            if picture == last and len({picture[at:at + 3] for at in range(len(picture) % 3, len(picture), 3)}) > 30:
+            colours = len({picture[at:at + 3] for at in range(len(picture) % 3, len(picture), 3)})
+            if picture == last and (colours > 30) == box:
                 return picture
             last = picture
             time.sleep(0.1)
-        raise AssertionError("no box appeared")
+        raise AssertionError("no box appeared" if box else "the desktop did not become empty")
 
     def _work(self, out):
         try:
-            picture = self._wait_for_box()
+            picture = self._wait_for_picture(box=True)
             subprocess.run(["convert", "ppm:-", out / f"{self.name}.png"], input=picture, check=True, timeout=60)
             same = self.pictures.setdefault(picture, self.language)
             assert same == self.language, f"the box looks as in {same}"
@@ -231,15 +232,21 @@ class Person:
         except Exception as problem:  # noqa: BLE001, told by check()
             self.problem = problem
 
+    @staticmethod
+    def _open_desktop(bench):
+        """A desktop of Wine's own, which draws captions and takes the keys. It is chosen when the guest starts."""
+        wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer", "/v", "Desktop", "/d", "Guest", "/f")
+        wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", Person.SIZE, "/f")
+        wineprefix.stop(bench.prefix)
+        Person.desktop = subprocess.Popen(["wine", bench.sample("installers/desktop.exe")],
+                                          env=wineprefix.environment(bench.prefix), text=True, stdin=subprocess.PIPE,
+                                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        assert Person.desktop.stdout.readline().strip() == "open", "the guest has no desktop"
+
     def make(self, bench):
         if not Person.desktop:
-            # A desktop of Wine's own, which draws captions and takes the keys. It is chosen at the first start.
-            wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer", "/v", "Desktop", "/d", "Guest", "/f")
-            wine(bench, "reg", "add", "HKCU\\Software\\Wine\\Explorer\\Desktops", "/v", "Guest", "/d", self.SIZE, "/f")
-            wineprefix.stop(bench.prefix)
-            Person.desktop = True
-        # The desktop goes a moment after its last program, and one that comes just then finds half of it.
-        bench.wait_for_end_of(["explorer.exe"], limit=BOX_LIMIT)
+            self._open_desktop(bench)
+        self._wait_for_picture(box=False)  # what was seen before has to go
         made = self.make_image(bench)
         self.thread = threading.Thread(target=self._work, args=(bench.out,))
         self.thread.start()

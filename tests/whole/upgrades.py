@@ -159,8 +159,8 @@ class Bench:
         transcript.with_suffix(".log").write_text(self.log())
         return Run(done.returncode, said, text)
 
-    def processes(self, names=OURS):
-        """Those of these programs that run in the prefix."""
+    def processes(self):
+        """What of ours runs in the prefix."""
         found = []
         mark = f"WINEPREFIX={self.prefix}".encode()
         for folder in pathlib.Path("/proc").glob("[0-9]*"):
@@ -168,17 +168,10 @@ class Bench:
                 line = (folder / "cmdline").read_bytes()
                 if mark in (folder / "environ").read_bytes().split(b"\0"):
                     name = line.split(b"\0")[0].replace(b"\\", b"/").rsplit(b"/", 1)[-1].decode("utf-8", "replace")
-                    found += [name] if name.lower() in names else []
+                    found += [name] if name.lower() in OURS else []
             except OSError:
                 continue  # gone, or not ours to see
         return found
-
-    def wait_for_end_of(self, names=OURS, limit=10):
-        """The system takes a moment to forget processes that have ended."""
-        limit += time.monotonic()
-        while (left := self.processes(names)) and time.monotonic() < limit:
-            time.sleep(0.05)
-        assert not left, f"still running: {left}"
 
     def clean(self):
         """Forgets the files of the last run."""
@@ -211,7 +204,11 @@ def judge(bench, case, run):
     assert case.leaves_image or "image left" not in run.output, "the image was left behind"
     if case.check:
         case.check(bench, run)
-    bench.wait_for_end_of()
+    # The system takes a moment to forget processes that have been ended.
+    limit = time.monotonic() + 10
+    while (left := bench.processes()) and time.monotonic() < limit:
+        time.sleep(0.05)
+    assert not left, f"still running: {left}"
 
 
 def run_case(bench, case):
