@@ -43,7 +43,7 @@ SECONDS = LOGS / "seconds.json"  # that each program took last time
 RINGS = ("native", "windows", "whole", "fuzz")
 PRESETS = {"native": "native", "windows": "windows-debug", "whole": "windows", "fuzz": "fuzz"}
 TARGETS = {"whole": ["all", "sample_image"]}
-LIMITS = {"native": 180, "windows": 300, "whole": 900}  # seconds for one program
+LIMITS = {"native": 180, "windows": 600, "whole": 900}  # seconds for one program
 SHOWN_LINES = 150  # of a failing program's output
 SANITIZERS = {
     "ASAN_OPTIONS": "detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1",
