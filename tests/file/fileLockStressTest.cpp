@@ -18,8 +18,8 @@ uint32_t Setting(const char* name, uint32_t usual) {
 class FileLockStress : public FileWin32Test {
 protected:
     static constexpr uint32_t PROCESSES = 8;
-    const uint32_t locksEach_ = Setting("RL_STRESS_LOCKS", 130);
-    const uint32_t kills_ = Setting("RL_STRESS_KILLS", 8);
+    const uint32_t locksEach_ = Setting("RL_STRESS_LOCKS", 80);
+    const uint32_t kills_ = Setting("RL_STRESS_KILLS", 6);
     const DWORD limitMs_ = 60000 + PROCESSES * locksEach_ * 500 + kills_ * 15000;
 
     std::unique_ptr<HelperProcess> Start() {
