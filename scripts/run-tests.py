@@ -271,8 +271,10 @@ def build(ring):
     log.parent.mkdir(parents=True, exist_ok=True)
     start = time.monotonic()
     with open(log, "wb") as out:
+        ninja = ["ninja", "-C", str(BUILD / preset)]
         for command in (["cmake", "--preset", preset],
-                        ["ninja", "-C", str(BUILD / preset), "-k", "20", *TARGETS.get(ring, ["all"])]):
+                        [*ninja, "-t", "cleandead"],  # a test that is no more would be found, and run
+                        [*ninja, "-k", "20", *TARGETS.get(ring, ["all"])]):
             if subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
                               check=False).returncode != 0:
                 out.flush()
