@@ -1,10 +1,7 @@
 #include "file/fileRules.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
-#include <set>
 #include <vector>
 
 namespace {
@@ -106,33 +103,6 @@ TEST(FileRules, OpenFlagsBecomeCreateFileArguments) {
         EXPECT_EQ(arguments.shareMode, row.expected.shareMode) << std::hex << row.flags;
         EXPECT_EQ(arguments.creationDisposition, row.expected.creationDisposition) << std::hex << row.flags;
         EXPECT_EQ(arguments.flagsAndAttributes, row.expected.flagsAndAttributes) << std::hex << row.flags;
-    }
-}
-
-TEST(FileRules, OpenErrorsThatHaveAResult) {
-    std::map<FileIOResult, std::set<uint32_t>> found;
-    for (uint32_t error = 0; error < 2000; error++) {
-        if (std::optional<FileIOResult> result = FileIOResultFromWin32(error)) {
-            found[*result].insert(error);
-        }
-    }
-    const std::map<FileIOResult, std::set<uint32_t>> expected = {
-        {FileIOResult::FileNotFound, {2, 3}},
-        {FileIOResult::NoPermission, {5, 12, 19}},
-        {FileIOResult::FileExists, {80, 183}},
-    };
-    EXPECT_EQ(found, expected);
-}
-
-TEST(FileRules, LockErrorsHaveResults) {
-    const std::map<int, FileIOResult> special = {
-        {0, FileIOResult::LockFailed},    {30, FileIOResult::LockFailed},  {2, FileIOResult::FileNotFound},
-        {13, FileIOResult::NoPermission}, {38, FileIOResult::NameTooLong},
-    };
-    for (int error = 0; error < 100; error++) {
-        auto row = special.find(error);
-        EXPECT_EQ(FileIOResultFromLockError(error), row == special.end() ? FileIOResult::Error : row->second)
-            << error;
     }
 }
 
